@@ -1,0 +1,42 @@
+// Error records: an operation that can fail returns ErrorInfo*, null for success.
+//
+// A record lives on the heap and belongs to whoever receives it, who deletes it or hands it on.
+// Records join into a chain with SafeConcat; deleting the first deletes the whole chain.
+#pragma once
+
+#include <qorxmlu/Export.h>
+#include <qorxmlu/foundation/String.h>
+
+namespace QOR {
+
+class QORXMLU_API ErrorInfo {
+public:
+  explicit ErrorInfo(String text) : text(std::move(text)) {}
+  ErrorInfo(const ErrorInfo&) = delete;
+  ErrorInfo& operator=(const ErrorInfo&) = delete;
+  // Deletes the records behind this one too.
+  virtual ~ErrorInfo();
+
+  // This record's own text.
+  const String& Text() const noexcept { return text; }
+  // The next record of the chain, or null.
+  ErrorInfo* Next() const noexcept { return next; }
+  // Every text of the chain, in order, joined by separator.
+  String FullText(const String& separator = String(u"; ")) const;
+
+private:
+  friend QORXMLU_API ErrorInfo* SafeConcat(ErrorInfo* first, ErrorInfo* second);
+  String text;
+  ErrorInfo* next = nullptr;
+};
+
+// A new record with that text.
+QORXMLU_API ErrorInfo* MakeError(String text);
+// A new record whose text is prefix followed by text.
+QORXMLU_API ErrorInfo* MakeError(String prefix, String text);
+// A new record whose text is text followed by the number in decimal ("Soap error: " 5 -> "Soap error: 5").
+QORXMLU_API ErrorInfo* MakeError(String text, int number);
+// Takes over both and returns one chain, first's records before second's; null only if both are.
+QORXMLU_API ErrorInfo* SafeConcat(ErrorInfo* first, ErrorInfo* second);
+
+} // namespace QOR

@@ -1,0 +1,23 @@
+// A text file written from a String buffer.
+//
+// The public text gathers what is to be written; FlushFile encodes it, writes it and empties it.
+// A byte order mark goes only at the start of the file.
+#pragma once
+
+#include <qorxmlu/Export.h>
+#include <qorxmlu/foundation/WriteableFile.h>
+
+namespace QOR {
+
+class QORXMLU_API FormatableTextFile : public WriteableFile {
+public:
+  explicit FormatableTextFile(String path) : WriteableFile(std::move(path)) {}
+
+  // Writes text in the encoding bom names and empties it; commit true waits until the bytes are
+  // on stable storage.
+  ErrorInfo* FlushFile(bool commit, BOM bom);
+
+  String text;
+};
+
+} // namespace QOR

@@ -1,0 +1,15 @@
+// The process-wide lock under which shared reference counts change.
+#pragma once
+
+#include <qorxmlu/Export.h>
+
+namespace QOR {
+
+class QORXMLU_API RefCountControl {
+public:
+  // Recursive; stands alone in the lock order (no other lock is taken inside it by the library).
+  static void EnterCritSection() noexcept;
+  static void LeaveCritSection() noexcept;
+};
+
+} // namespace QOR

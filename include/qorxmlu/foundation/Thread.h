@@ -1,0 +1,63 @@
+// A thread with a stop event.
+//
+// StartRunning hands ThreadBody to a pooled OS thread (an idle one if there is one), so starting
+// costs microseconds. ThreadBody runs again and again while it leaves finished false and the stop
+// event is not signalled; an error it returns goes to LogAndResetError. BlockingStopRunning signals
+// the stop event, calls OnStop and waits until the body has returned; on a thread that never ran
+// it returns at once. A stopped thread may be started again: StartRunning clears the stop event.
+// A derived class stops its thread before its own part is destroyed; the base destructor only
+// waits as a last resort.
+#pragma once
+
+#include <qorxmlu/Export.h>
+#include <qorxmlu/foundation/ErrorInfo.h>
+#include <qorxmlu/foundation/Event.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <atomic>
+
+namespace QOR {
+
+class QORXMLU_API Thread {
+public:
+  // name is kept for diagnostics (not copied: a literal). stopEvent may be null, in which case the
+  // thread makes its own. callerKeepsEvent false hands the event over: the thread deletes it.
+  Thread(const char* name, Event* stopEvent, bool callerKeepsEvent);
+  Thread(const Thread&) = delete;
+  Thread& operator=(const Thread&) = delete;
+  virtual ~Thread();
+
+  // Starts the body on a pooled thread. Fails with an error if the thread is running already or
+  // no OS thread could be had.
+  virtual ErrorInfo* StartRunning();
+  // Called by BlockingStopRunning after the stop event is signalled, before the wait.
+  virtual void OnStop() {}
+
+  // True from StartRunning until the body has returned for the last time.
+  bool Running() const noexcept;
+  // Signals the stop event and waits until the body has ended.
+  void BlockingStopRunning();
+  // Waits until the body has ended by itself, without signalling.
+  void AwaitStoppedRunning();
+
+  Event* StopEvent() const noexcept { return stopEvent; }
+  const char* Name() const noexcept { return name ? name : ""; }
+
+protected:
+  // Runs on the pooled thread. Set finished to true to end; return an error to have it logged.
+  virtual ErrorInfo* ThreadBody(bool& finished) = 0;
+
+private:
+  friend struct ThreadPoolAccess;
+  void Run() noexcept; // on the pooled thread
+
+  const char* name;
+  Event* stopEvent;
+  bool ownsEvent;
+  std::atomic<bool> running{false};
+  std::mutex endMutex;
+  std::condition_variable ended;
+};
+
+} // namespace QOR
