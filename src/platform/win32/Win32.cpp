@@ -76,7 +76,7 @@ int ReadFile(FileHandle* file, void* buffer, std::size_t size, std::size_t& byte
   auto* into = static_cast<char*>(buffer);
   while (bytesRead < size) {
     DWORD chunk = static_cast<DWORD>(std::min<std::size_t>(size - bytesRead, 1u << 30));
-    DWORD got = 0;
+    ::DWORD got = 0;
     if (!::ReadFile(file->handle, into + bytesRead, chunk, &got, nullptr)) return static_cast<int>(::GetLastError());
     if (got == 0) break;
     bytesRead += got;
@@ -88,7 +88,7 @@ int WriteFile(FileHandle* file, const void* data, std::size_t size) {
   auto* from = static_cast<const char*>(data);
   while (size > 0) {
     DWORD chunk = static_cast<DWORD>(std::min<std::size_t>(size, 1u << 30));
-    DWORD put = 0;
+    ::DWORD put = 0;
     if (!::WriteFile(file->handle, from, chunk, &put, nullptr)) return static_cast<int>(::GetLastError());
     from += put;
     size -= put;
