@@ -1,0 +1,34 @@
+#include <qorxmlu/http/HttpClientBase.h>
+
+namespace QOR {
+
+HttpClientBase::HttpClientBase(String agent, String server, bool secure, DWORD connectTimeoutSeconds,
+                               DWORD requestTimeoutSeconds)
+    : agent(std::move(agent)), server(std::move(server)), secure(secure),
+      connectTimeout(connectTimeoutSeconds * 1000), requestTimeout(requestTimeoutSeconds * 1000) {
+  formNames.SetCapacityIncrease(16);
+  formValues.SetCapacityIncrease(16);
+}
+
+HttpClientBase::~HttpClientBase() = default;
+
+void HttpClientBase::ClearFormFields() {
+  formNames.Truncate(0);
+  formValues.Truncate(0);
+  uploadFile.SetEmpty();
+  uploadParam.SetEmpty();
+}
+
+void HttpClientBase::ReportProgress(int) {}
+
+void HttpClientBase::AddFormField(String name, String value) {
+  formNames.Add(name);
+  formValues.Add(value);
+}
+
+void HttpClientBase::SetUploadFile(String path, String param) {
+  uploadFile = std::move(path);
+  uploadParam = std::move(param);
+}
+
+} // namespace QOR

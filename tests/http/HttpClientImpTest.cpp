@@ -1,0 +1,497 @@
+#include "http/HttpClientImp.h"
+
+#include "ErrorText.h"
+#include "FakeWinInet.h"
+#include "StringPrinter.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace QOR {
+namespace {
+
+using test::FakeCall;
+using test::FakeWinInet;
+using test::TakeText;
+using test::TakeTexts;
+using Api = FakeWinInet::Api;
+
+class Owner : public HttpClientBase {
+public:
+  Owner() : HttpClientBase(u"test agent", u"example.test", false, 1, 1) {
+    connectTimeout = 300;
+    requestTimeout = 300;
+  }
+  void UpdateBytesTransferred(std::size_t transferred, std::size_t total) override {
+    updates.emplace_back(transferred, total);
+  }
+  ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) override {
+    seenBoundary = boundary;
+    char* block = new char[body.size()];
+    std::memcpy(block, body.data(), body.size());
+    buffer = block;
+    length = body.size();
+    return nullptr;
+  }
+
+  std::string body = "the body";
+  String seenBoundary;
+  std::vector<std::pair<std::size_t, std::size_t>> updates;
+};
+
+// The next waits of the engine fail, as a broken wait would.
+struct FailingWaits {
+  static inline std::atomic<int> left{0};
+  static int Wait(SVArray<Event*, Event*>& events, int milliseconds) {
+    if (left.fetch_sub(1) > 0) return -2;
+    return WaitOnEvents(events, milliseconds);
+  }
+  explicit FailingWaits(int count) {
+    left = count;
+    engineWait = &Wait;
+  }
+  ~FailingWaits() { engineWait = &WaitOnEvents; }
+};
+
+class EngineTest : public testing::Test {
+protected:
+  void Fresh() {
+    engine.reset();
+    fake.reset();
+    fake = std::make_unique<FakeWinInet>();
+    owner = std::make_unique<Owner>();
+    engine = std::make_unique<HttpClientImp>(owner.get());
+  }
+  void SetUp() override { Fresh(); }
+  void TearDown() override {
+    engine.reset();
+    fake.reset();
+  }
+
+  void Connect() { ASSERT_EQ(TakeText(engine->Connect()), ""); }
+  std::string Send() {
+    EXPECT_EQ(TakeText(engine->FetchRequestBuffer()), "");
+    return TakeText(engine->SendRequest(u"/path"));
+  }
+  // A request up to and including the call of api.
+  std::string RunThrough(Api api) {
+    Connect();
+    std::string error = Send();
+    if (api != Api::InternetReadFileExA) return error;
+    EXPECT_EQ(error, "");
+    String reply;
+    return TakeText(engine->ReadReply(reply));
+  }
+  bool Logged(const std::string& line) {
+    auto log = fake->Log();
+    return std::find(log.begin(), log.end(), line) != log.end();
+  }
+  std::ptrdiff_t Position(const std::string& line) {
+    auto log = fake->Log();
+    return std::find(log.begin(), log.end(), line) - log.begin();
+  }
+
+  std::unique_ptr<FakeWinInet> fake;
+  std::unique_ptr<Owner> owner;
+  std::unique_ptr<HttpClientImp> engine;
+};
+
+struct StepCase {
+  Api api;
+  std::string immediate, timedOut, failedWait, completion;
+  bool cancels;
+};
+
+const StepCase stepCases[] = {
+    {Api::HttpOpenRequestA, "Can't get requested data: ", "Timed out opening request", "Failed opening request",
+     "Error opening request: ", false},
+    {Api::HttpSendRequestExW, "Can't send request: ", "Timed out sending request", "Failed sending request",
+     "Error sending request: ", true},
+    {Api::InternetWriteFile, "Can't write requested data: ", "Timed out writing requested data",
+     "Failed writing requested data", "Error writing requested data: ", true},
+    {Api::HttpEndRequestW, "Can't http end request: ", "Timed out ending http request", "Failed ending http request",
+     "Error ending http request: ", false},
+    {Api::InternetReadFileExA, "Can't read requested data: ", "Timed out reading requested data",
+     "Failed reading requested data", "Error reading requested data: ", true},
+};
+
+TEST_F(EngineTest, PendingPatternGivesEachStepItsWords) {
+  for (const StepCase& step : stepCases) {
+    SCOPED_TRACE(step.timedOut);
+    Fresh();
+    fake->Script(step.api, FakeCall::Fail(12029));
+    EXPECT_EQ(RunThrough(step.api), step.immediate + "CANNOT CONNECT");
+
+    Fresh();
+    fake->Script(step.api, FakeCall::Pend(5, 12030));
+    EXPECT_EQ(RunThrough(step.api), step.completion + "CONNECTION ABORTED");
+
+    Fresh();
+    owner->requestTimeout = 60;
+    fake->Script(step.api, FakeCall::Hang());
+    EXPECT_EQ(RunThrough(step.api), step.timedOut);
+    EXPECT_EQ(engine->RequestCancelled(), step.cancels);
+    EXPECT_EQ(Logged("InternetCloseHandle request"), step.cancels);
+
+    Fresh();
+    fake->Script(step.api, FakeCall::Hang());
+    {
+      FailingWaits failing(1);
+      EXPECT_EQ(RunThrough(step.api), step.failedWait);
+    }
+    EXPECT_EQ(engine->RequestCancelled(), step.cancels);
+  }
+}
+
+TEST_F(EngineTest, ConnectPassesTheOwnersSettings) {
+  Connect();
+  EXPECT_EQ(fake->LastAgent(), u"test agent");
+  EXPECT_EQ(fake->LastServer(), u"example.test");
+  EXPECT_EQ(fake->LastPort(), 80);
+  EXPECT_TRUE(Logged("InternetOpenW 268435456")) << "INTERNET_FLAG_ASYNC";
+  EXPECT_TRUE(Logged("InternetConnectW example.test:80 3 0")) << "HTTP service, no flags, empty credentials";
+
+  struct {
+    const char16_t* server;
+    bool secure;
+    const char16_t* host;
+    int port;
+  } addresses[] = {{u"example.test", true, u"example.test", 443},
+                   {u"127.0.0.1:8080", false, u"127.0.0.1", 8080},
+                   {u"[::1]:8443", true, u"[::1]", 8443},
+                   {u"::1", false, u"::1", 80},
+                   {u"host:port", false, u"host:port", 80}};
+  for (const auto& address : addresses) {
+    Fresh();
+    owner->server = address.server;
+    owner->secure = address.secure;
+    Connect();
+    EXPECT_EQ(fake->LastServer(), address.host);
+    EXPECT_EQ(fake->LastPort(), address.port);
+  }
+}
+
+TEST_F(EngineTest, ConnectFailuresLeaveNothingOpen) {
+  fake->Script(Api::InternetOpenW, FakeCall::Fail(12004));
+  EXPECT_EQ(TakeText(engine->Connect()), "Error opening Internet");
+  EXPECT_EQ(fake->OpenHandles(), 0);
+
+  Fresh();
+  fake->Script(Api::InternetSetStatusCallbackW, FakeCall::Fail(12004));
+  EXPECT_EQ(TakeText(engine->Connect()), "Error setting callback for Internet");
+  EXPECT_EQ(fake->OpenHandles(), 0);
+
+  Fresh();
+  fake->Script(Api::InternetConnectW, FakeCall::Fail(12029));
+  EXPECT_EQ(TakeText(engine->Connect()), "Can't connect to web site: CANNOT CONNECT");
+  EXPECT_EQ(fake->OpenHandles(), 0);
+  EXPECT_LT(Position("InternetSetStatusCallbackW null"), Position("InternetCloseHandle root"));
+
+  Fresh();
+  fake->Script(Api::InternetConnectW, FakeCall::Pend(5, 12007));
+  EXPECT_EQ(TakeText(engine->Connect()), "Error connecting to web site: Problem accessing the Internet. UNRESOLVED URL");
+  EXPECT_EQ(fake->OpenHandles(), 0);
+
+  Fresh();
+  owner->connectTimeout = 60;
+  fake->Script(Api::InternetConnectW, FakeCall::Hang());
+  EXPECT_EQ(TakeText(engine->Connect()), "Timed out connecting to web site.");
+
+  Fresh();
+  fake->Script(Api::InternetConnectW, FakeCall::Hang());
+  FailingWaits failing(1);
+  EXPECT_EQ(TakeText(engine->Connect()), "Failed connecting to web site.");
+}
+
+TEST_F(EngineTest, PendingConnectTakesTheCreatedHandle) {
+  fake->Script(Api::InternetConnectW, FakeCall::Pend(10));
+  Connect();
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Requests().size(), 1u);
+}
+
+TEST_F(EngineTest, CloseFailuresForgetTheHandle) {
+  struct {
+    FakeCall close;
+    const char* words;
+  } cases[] = {{FakeCall::Fail(12004), "Error closing File handleINTERNET INTERNAL ERROR"},
+               {FakeCall::Fail(6), "Timed out trying to close File handle"},
+               {FakeCall::Hang(), "Timed out trying to close File handle"},
+               {FakeCall::Pend(5, 12030), "Error closing File handleCONNECTION ABORTED"}};
+  for (auto& entry : cases) {
+    SCOPED_TRACE(entry.words);
+    Fresh();
+    owner->connectTimeout = 60;
+    Connect();
+    EXPECT_EQ(Send(), "");
+    fake->Script(Api::InternetCloseHandle, std::move(entry.close));
+    EXPECT_EQ(TakeText(engine->CloseRequest()), entry.words);
+    int closes = fake->Count("InternetCloseHandle");
+    EXPECT_EQ(TakeText(engine->CloseRequest()), "");
+    EXPECT_EQ(fake->Count("InternetCloseHandle"), closes);
+  }
+}
+
+TEST_F(EngineTest, DisconnectJoinsErrorsAndRemovesTheCallbackBeforeTheRoot) {
+  Connect();
+  EXPECT_EQ(Send(), "");
+  fake->Script(Api::InternetCloseHandle, FakeCall::Fail(12004));
+  fake->Script(Api::InternetCloseHandle, FakeCall::Fail(12005));
+  EXPECT_EQ(TakeTexts(engine->Disconnect()), (std::vector<std::string>{"Error closing File handleINTERNET INTERNAL ERROR",
+                                                                     "Error closing HTTP handleINVALID URL"}));
+  EXPECT_LT(Position("InternetSetStatusCallbackW null"), Position("InternetCloseHandle root"));
+  EXPECT_EQ(TakeText(engine->Disconnect()), "");
+}
+
+TEST_F(EngineTest, RequestGoesOutAsSpecified) {
+  owner->secure = true;
+  Connect();
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(owner->seenBoundary, u"gc0p4Jq0M2Yt08jU534c0p");
+  auto requests = fake->Requests();
+  ASSERT_EQ(requests.size(), 1u);
+  const auto& request = requests[0];
+  EXPECT_EQ(request.verb, "POST");
+  EXPECT_EQ(request.objectName, "/path");
+  EXPECT_FALSE(request.versionGiven);
+  EXPECT_EQ(request.referrer.rfind("Mozilla/4.0 (compatible; MSIE 6.0; Windows NT 5.2; WOW64; SV1;", 0), 0u);
+  ASSERT_EQ(request.acceptTypes.size(), 13u);
+  EXPECT_EQ(request.acceptTypes.front(), "image/gif");
+  EXPECT_EQ(request.acceptTypes.back(), "*/*");
+  EXPECT_EQ(request.flags, 0x84C01000u);
+  EXPECT_EQ(request.context, engine->Context());
+  EXPECT_EQ(request.headerCalls,
+            std::vector<std::string>{"REPLACE Content-Type: multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p"});
+  EXPECT_EQ(request.announced, owner->body.size());
+  EXPECT_EQ(request.body, owner->body);
+  EXPECT_TRUE(request.ended);
+  EXPECT_TRUE(Logged("HttpSendRequestExW 8 8")) << "HSR_INITIATE, no output block";
+  EXPECT_TRUE(owner->updates.empty()) << "no progress asked for";
+}
+
+TEST_F(EngineTest, ShortWritesContinueWhereTheyStopped) {
+  owner->transferBlockSize = 100;
+  owner->body.clear();
+  for (int i = 0; i < 250; ++i) owner->body += static_cast<char>('a' + i % 26);
+  Connect();
+  fake->Script(Api::InternetWriteFile, FakeCall::Succeed(60));
+  FakeCall pending = FakeCall::Pend(5);
+  pending.bytes = 30;
+  fake->Script(Api::InternetWriteFile, std::move(pending));
+  EXPECT_EQ(Send(), "");
+  auto request = fake->Requests().at(0);
+  EXPECT_EQ(request.writesOffered, (std::vector<::DWORD>{100, 100, 100, 60}));
+  EXPECT_EQ(request.body, owner->body);
+
+  for (std::size_t size : {10u, 100u}) {
+    Fresh();
+    owner->transferBlockSize = 100;
+    owner->body.assign(size, 'x');
+    Connect();
+    EXPECT_EQ(Send(), "");
+    EXPECT_EQ(fake->Requests().at(0).writesOffered, std::vector<::DWORD>{static_cast<::DWORD>(size)});
+  }
+}
+
+TEST_F(EngineTest, ProgressCutsTheBodyIntoOneChunkPerStep) {
+  owner->body.assign(1000, 'p');
+  owner->progressTotal = 1000;
+  owner->progressDuration = 50;
+  owner->progressInterval = 10;
+  Connect();
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Requests().at(0).writesOffered, (std::vector<::DWORD>(5, 200)));
+  ASSERT_EQ(owner->updates.size(), 5u);
+  EXPECT_EQ(owner->updates.front(), (std::pair<std::size_t, std::size_t>{200, 1000}));
+  EXPECT_EQ(owner->updates.back(), (std::pair<std::size_t, std::size_t>{1000, 1000}));
+}
+
+TEST_F(EngineTest, HeaderCallReplacesThenAdds) {
+  Connect();
+  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12150));
+  EXPECT_EQ(Send(), "");
+  EXPECT_LT(Position("HttpAddRequestHeadersW REPLACE"), Position("HttpAddRequestHeadersW ADD"));
+  EXPECT_EQ(fake->Requests().at(0).headerCalls,
+            std::vector<std::string>{"ADD Content-Type: multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p"});
+
+  // Other failures of REPLACE go unreported and the request goes on.
+  Fresh();
+  Connect();
+  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12019));
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Count("HttpAddRequestHeadersW"), 1);
+  EXPECT_EQ(fake->Count("HttpSendRequestExW"), 1);
+
+  // A failed ADD ends the step; the failure of the end that follows is not reported.
+  Fresh();
+  Connect();
+  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12150));
+  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12153));
+  fake->Script(Api::HttpEndRequestW, FakeCall::Fail(12018));
+  EXPECT_EQ(Send(), "Error adding request headers: INVALID HEADER");
+  EXPECT_EQ(fake->Count("HttpSendRequestExW"), 0);
+  EXPECT_EQ(fake->Count("HttpEndRequestW"), 1);
+}
+
+TEST_F(EngineTest, FailedOpenSkipsTheEnd) {
+  Connect();
+  fake->Script(Api::HttpOpenRequestA, FakeCall::Fail(12029));
+  EXPECT_EQ(Send(), "Can't get requested data: CANNOT CONNECT");
+  EXPECT_EQ(fake->Count("HttpAddRequestHeadersW"), 0);
+  EXPECT_EQ(fake->Count("HttpEndRequestW"), 0);
+}
+
+TEST_F(EngineTest, CancelBetweenTheCallAndTheStore) {
+  for (bool pending : {false, true}) {
+    SCOPED_TRACE(pending ? "pending open" : "open at once");
+    Fresh();
+    Connect();
+    FakeCall open = pending ? FakeCall::Pend(5) : FakeCall::Succeed();
+    fake->Script(Api::HttpOpenRequestA, std::move(open).Inside([this] { delete engine->CancelRequest(); }));
+    EXPECT_EQ(Send(), "Request cancelled");
+    EXPECT_TRUE(engine->RequestCancelled());
+    EXPECT_EQ(fake->Count("HttpEndRequestW"), 0);
+    EXPECT_EQ(TakeText(engine->CloseRequest()), "");
+    EXPECT_EQ(fake->Count("InternetCloseHandle"), 0) << "the handle was never stored";
+  }
+  // The next request clears the mark.
+  EXPECT_EQ(Send(), "");
+  EXPECT_FALSE(engine->RequestCancelled());
+}
+
+TEST_F(EngineTest, CancelWithNothingInFlight) {
+  Connect();
+  EXPECT_EQ(TakeText(engine->CancelRequest()), "");
+  EXPECT_TRUE(engine->RequestCancelled());
+  EXPECT_EQ(fake->Count("InternetCloseHandle"), 0);
+  EXPECT_EQ(Send(), "");
+  EXPECT_FALSE(engine->RequestCancelled());
+}
+
+TEST_F(EngineTest, TextRepliesAroundTheBlockSize) {
+  for (std::size_t size : {0u, 15u, 16u, 17u, 50u}) {
+    SCOPED_TRACE(size);
+    Fresh();
+    owner->transferBlockSize = 16;
+    std::string bytes;
+    for (std::size_t i = 0; i < size; ++i) bytes += static_cast<char>('A' + i % 26);
+    fake->SetReply(bytes);
+    Connect();
+    EXPECT_EQ(Send(), "");
+    String reply(u"before");
+    EXPECT_EQ(TakeText(engine->ReadReply(reply)), "");
+    EXPECT_EQ(reply.ToUtf8(), bytes);
+    // A reply that fills the buffer exactly makes it grow before the read that gives 0 bytes.
+    EXPECT_FALSE(Logged("InternetReadFileExA 0"));
+  }
+}
+
+TEST_F(EngineTest, TextReplyIsDecodedFromUtf8AndUntouchedOnFailure) {
+  fake->SetReply("h\xc3\xa4llo \xe2\x82\xac");
+  Connect();
+  EXPECT_EQ(Send(), "");
+  String reply;
+  EXPECT_EQ(TakeText(engine->ReadReply(reply)), "");
+  EXPECT_EQ(reply, u"h\u00e4llo \u20ac");
+
+  EXPECT_EQ(Send(), "");
+  fake->Script(Api::InternetReadFileExA, FakeCall::Succeed(3));
+  fake->Script(Api::InternetReadFileExA, FakeCall::Fail(12030));
+  EXPECT_EQ(TakeText(engine->ReadReply(reply)), "Can't read requested data: CONNECTION ABORTED");
+  EXPECT_EQ(reply, u"h\u00e4llo \u20ac");
+}
+
+TEST_F(EngineTest, Base64RepliesOfAnySize) {
+  struct {
+    std::string text, bytes;
+  } cases[] = {{"", ""}, {"aGVsbG8=", "hello"}, {"AAEC/w==", std::string("\0\1\2\xff", 4)},
+               {"aGVsbG8gd29ybGQsIGhlbGxvIHdvcmxk", "hello world, hello world"}};
+  for (const auto& entry : cases) {
+    Fresh();
+    fake->SetReply(entry.text);
+    Connect();
+    EXPECT_EQ(Send(), "");
+    char* buffer = nullptr;
+    std::size_t length = 99;
+    EXPECT_EQ(TakeText(engine->ReadBase64Reply(4, buffer, length)), "");
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(std::string(buffer, length), entry.bytes);
+    delete[] buffer;
+  }
+  char* buffer = reinterpret_cast<char*>(1);
+  std::size_t length = 99;
+  EXPECT_EQ(Send(), "");
+  fake->Script(Api::InternetReadFileExA, FakeCall::Fail(12030));
+  EXPECT_NE(TakeText(engine->ReadBase64Reply(4, buffer, length)), "");
+  EXPECT_EQ(buffer, reinterpret_cast<char*>(1));
+  EXPECT_EQ(length, 99u);
+}
+
+TEST_F(EngineTest, Base64ReadLooksAtTheCompletionAfterAFailedWait) {
+  // The cancel that follows the failed wait completes the read with 12017.
+  Connect();
+  EXPECT_EQ(Send(), "");
+  fake->Script(Api::InternetReadFileExA, FakeCall::Hang());
+  char* buffer = nullptr;
+  std::size_t length = 0;
+  {
+    FailingWaits failing(1);
+    EXPECT_EQ(TakeText(engine->ReadBase64Reply(16, buffer, length)), "Error reading requested data: OPERATION CANCELLED");
+  }
+  Fresh();
+  Connect();
+  EXPECT_EQ(Send(), "");
+  fake->Script(Api::InternetReadFileExA, FakeCall::Hang());
+  String reply;
+  FailingWaits failing(1);
+  EXPECT_EQ(TakeText(engine->ReadReply(reply)), "Failed reading requested data");
+}
+
+// Under Wine a close leaves a pending call running; its completion and HANDLE_CLOSING may come
+// after the engine is gone. They must land in memory that is still there (checked under ASan).
+TEST_F(EngineTest, LateCallbacksAfterTheEngineIsGone) {
+  for (Api api : {Api::InternetReadFileExA, Api::InternetWriteFile, Api::HttpEndRequestW}) {
+    Fresh();
+    fake->SetCloseCancels(false);
+    owner->requestTimeout = 50;
+    owner->connectTimeout = 50;
+    owner->body.assign(300000, 'b');
+    fake->Script(api, FakeCall::Hang());
+    std::string error = RunThrough(api);
+    EXPECT_NE(error.find("Timed out"), std::string::npos) << error;
+    // The close that the failed step (or the front end) makes times out.
+    delete engine->CloseRequest();
+    engine.reset();
+    fake->SetReply(std::string(200000, 'r'));
+    fake->ReleaseHung();
+    fake->Drain();
+  }
+}
+
+TEST_F(EngineTest, LateCallbacksWhileTheEngineRunsTheNextRequest) {
+  fake->SetCloseCancels(false);
+  owner->requestTimeout = 50;
+  owner->connectTimeout = 50;
+  fake->Script(Api::InternetReadFileExA, FakeCall::Hang());
+  EXPECT_EQ(RunThrough(Api::InternetReadFileExA), "Timed out reading requested data");
+  delete engine->Disconnect();
+  owner->requestTimeout = 1000;
+  owner->connectTimeout = 1000;
+  fake->SetReply("second reply");
+  Connect();
+  EXPECT_EQ(Send(), "");
+  fake->ReleaseHung();
+  fake->Drain();
+  String reply;
+  EXPECT_EQ(TakeText(engine->ReadReply(reply)), "");
+  EXPECT_EQ(reply, u"second reply");
+}
+
+} // namespace
+} // namespace QOR

@@ -1,0 +1,214 @@
+#include <qorxmlu/http/HttpClient.h>
+
+#include "ErrorText.h"
+#include "FakeWinInet.h"
+#include "StringPrinter.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace QOR {
+namespace {
+
+using test::FakeCall;
+using test::FakeWinInet;
+using test::TakeText;
+using test::TakeTexts;
+using Api = FakeWinInet::Api;
+
+class RecordingClient : public HttpClient {
+public:
+  RecordingClient() : HttpClient(u"agent", u"example.test", false, 1, 1) {
+    connectTimeout = 500;
+    requestTimeout = 2000;
+  }
+  void ReportProgress(int percent) override {
+    std::lock_guard<std::mutex> hold(lock);
+    percents.push_back(percent);
+    threads.push_back(std::this_thread::get_id());
+  }
+  std::mutex lock;
+  std::vector<int> percents;
+  std::vector<std::thread::id> threads;
+};
+
+class ClientTest : public testing::Test {
+protected:
+  std::string Retrieve(const char16_t* url = u"/q.php") {
+    String reply;
+    std::string error = TakeText(client.Retrieve(url, reply));
+    lastReply = reply.ToUtf8();
+    return error;
+  }
+  // Waits (bounded) until the fake has seen a call of that entry point.
+  void AwaitCall(const std::string& entryPoint) {
+    for (int i = 0; i < 2000 && fake.Count(entryPoint) == 0; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+
+  FakeWinInet fake;
+  RecordingClient client;
+  std::string lastReply;
+};
+
+TEST_F(ClientTest, RetrievePostsTheFormBehindTheUrlPrefix) {
+  fake.SetReply("answer");
+  client.AddUrlPrefix(u"/first");
+  client.AddUrlPrefix(u"/api");
+  client.AddFormField(u"id", u"7");
+  EXPECT_EQ(Retrieve(), "");
+  EXPECT_EQ(lastReply, "answer");
+  EXPECT_EQ(client.requestUrl, u"/api/q.php");
+  EXPECT_EQ(client.formNames.Size(), 0u);
+  client.AddUrlPrefix(u"");
+  EXPECT_EQ(Retrieve(), "");
+  auto requests = fake.Requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].objectName, "/api/q.php");
+  EXPECT_EQ(requests[1].objectName, "/q.php");
+  EXPECT_NE(requests[0].body.find("name=\"id\"\r\nContent-Type: text/plain; charset=utf-8"), std::string::npos);
+  EXPECT_EQ(requests[1].body, "\r\n--gc0p4Jq0M2Yt08jU534c0p--");
+}
+
+TEST_F(ClientTest, ConnectionIsKeptAfterSuccessAndRemadeAfterFailure) {
+  EXPECT_EQ(Retrieve(), "");
+  EXPECT_EQ(Retrieve(), "");
+  EXPECT_EQ(fake.Count("InternetConnectW"), 1);
+  EXPECT_EQ(fake.Count("InternetCloseHandle request"), 2);
+
+  fake.Script(Api::InternetWriteFile, FakeCall::Fail(12031));
+  EXPECT_EQ(Retrieve(), "Can't write requested data: CONNECTION RESET");
+  EXPECT_EQ(fake.Count("InternetCloseHandle root"), 1);
+  EXPECT_TRUE(client.RequestCancelled()) << "a dropped connection leaves the mark set";
+
+  fake.SetReply("again");
+  EXPECT_EQ(Retrieve(), "");
+  EXPECT_EQ(lastReply, "again");
+  EXPECT_EQ(fake.Count("InternetConnectW"), 2);
+  EXPECT_FALSE(client.RequestCancelled());
+}
+
+TEST_F(ClientTest, FailedConnectKeepsTheForm) {
+  fake.Script(Api::InternetConnectW, FakeCall::Fail(12029));
+  client.AddFormField(u"id", u"7");
+  client.progressTotal = 10;
+  String reply(u"untouched");
+  EXPECT_EQ(TakeText(client.Retrieve(u"/q", reply)), "Can't connect to web site: CANNOT CONNECT");
+  EXPECT_EQ(reply, u"untouched");
+  EXPECT_EQ(client.formNames.Size(), 1u);
+  EXPECT_EQ(client.progressTotal, 10u);
+  EXPECT_EQ(fake.Count("HttpOpenRequestA"), 0);
+}
+
+TEST_F(ClientTest, ErrorsJoinInTheOrderTheyArose) {
+  fake.Script(Api::InternetWriteFile, FakeCall::Fail(12031));
+  fake.Script(Api::InternetCloseHandle, FakeCall::Fail(12004));
+  fake.Script(Api::InternetCloseHandle, FakeCall::Fail(12005));
+  String reply;
+  EXPECT_EQ(TakeTexts(client.Retrieve(u"/q", reply)),
+            (std::vector<std::string>{"Can't write requested data: CONNECTION RESET",
+                                      "Error closing File handleINTERNET INTERNAL ERROR",
+                                      "Error closing HTTP handleINVALID URL"}));
+}
+
+TEST_F(ClientTest, RetrieveBase64) {
+  fake.SetReply("aGVsbG8=");
+  char* buffer = reinterpret_cast<char*>(1);
+  std::size_t length = 99;
+  // A block size of 0 reads the reply as text and drops it.
+  EXPECT_EQ(TakeText(client.RetrieveBase64(0, u"/b", buffer, length)), "");
+  EXPECT_EQ(buffer, reinterpret_cast<char*>(1));
+  EXPECT_EQ(length, 99u);
+  EXPECT_EQ(TakeText(client.RetrieveBase64(3, u"/b", buffer, length)), "");
+  ASSERT_NE(buffer, reinterpret_cast<char*>(1));
+  EXPECT_EQ(std::string(buffer, length), "hello");
+  delete[] buffer;
+}
+
+TEST_F(ClientTest, WatchdogEndsARequestThatTakesTooLongInAll) {
+  // Every single wait is shorter than the limit; together they are longer.
+  client.requestTimeout = 150;
+  fake.SetReply("abcdef");
+  for (int i = 0; i < 6; ++i) {
+    FakeCall read = FakeCall::Pend(60);
+    read.bytes = 1;
+    fake.Script(Api::InternetReadFileExA, std::move(read));
+  }
+  EXPECT_EQ(Retrieve(), "Error reading requested data: OPERATION CANCELLED");
+  EXPECT_TRUE(client.RequestCancelled());
+}
+
+TEST_F(ClientTest, CancelFromAnotherThreadInEachStage) {
+  struct {
+    Api api;
+    std::string entryPoint;
+    std::string words;
+  } stages[] = {{Api::HttpSendRequestExW, "HttpSendRequestExW", "Error sending request: OPERATION CANCELLED"},
+                {Api::InternetWriteFile, "InternetWriteFile", "Error writing requested data: OPERATION CANCELLED"},
+                {Api::HttpEndRequestW, "HttpEndRequestW", "Error ending http request: OPERATION CANCELLED"},
+                {Api::InternetReadFileExA, "InternetReadFileExA", "Error reading requested data: OPERATION CANCELLED"}};
+  for (const auto& stage : stages) {
+    SCOPED_TRACE(stage.entryPoint);
+    int before = fake.Count(stage.entryPoint);
+    fake.Script(stage.api, FakeCall::Hang());
+    std::thread canceller([&] {
+      for (int i = 0; i < 2000 && fake.Count(stage.entryPoint) == before; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      delete client.CancelRequest();
+    });
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Retrieve(), stage.words);
+    canceller.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(client.requestTimeout));
+  }
+}
+
+TEST_F(ClientTest, ProgressStartsAtZeroRisesStrictlyAndEndsAt100) {
+  client.AddFormField(u"data", String(std::u16string(10000, u'd')));
+  client.progressTotal = 5000;
+  client.progressDuration = 100;
+  client.progressInterval = 10;
+  EXPECT_EQ(Retrieve(), "");
+  EXPECT_EQ(client.progressTotal, 0u);
+  EXPECT_EQ(fake.Count("InternetWriteFile"), 10);
+  std::lock_guard<std::mutex> hold(client.lock);
+  ASSERT_GE(client.percents.size(), 2u);
+  EXPECT_EQ(client.percents.front(), 0);
+  EXPECT_EQ(client.percents.back(), 100);
+  for (std::size_t i = 1; i < client.percents.size(); ++i) EXPECT_GT(client.percents[i], client.percents[i - 1]);
+  for (std::thread::id thread : client.threads) EXPECT_NE(thread, std::this_thread::get_id());
+  std::size_t total = 0;
+  std::size_t transferred = client.GetBytesTransferred(total);
+  EXPECT_EQ(transferred, total);
+  EXPECT_EQ(total, fake.Requests().at(0).body.size());
+}
+
+TEST_F(ClientTest, NoProgressUnlessAskedFor) {
+  std::size_t total = 99;
+  EXPECT_EQ(client.GetBytesTransferred(total), 0u);
+  EXPECT_EQ(total, 0u);
+  EXPECT_EQ(Retrieve(), "");
+  EXPECT_EQ(client.GetBytesTransferred(total), 0u);
+  EXPECT_EQ(total, 0u);
+  std::lock_guard<std::mutex> hold(client.lock);
+  EXPECT_TRUE(client.percents.empty());
+}
+
+TEST_F(ClientTest, FailedPostWithProgressStopsTheProgressThread) {
+  client.progressTotal = 1000;
+  client.progressDuration = 10000;
+  client.progressInterval = 10;
+  fake.Script(Api::HttpSendRequestExW, FakeCall::Fail(12029));
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Retrieve(), "Can't send request: CANNOT CONNECT");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_EQ(client.progressTotal, 0u);
+}
+
+} // namespace
+} // namespace QOR
