@@ -78,9 +78,11 @@ int LineParsableFile::NextLine(String& line, ErrorInfo*& error, std::size_t maxL
     if (in.encoding != Reader::Encoding::Unknown) {
       std::size_t lineEnd = in.FindLineEnd();
       std::size_t next = lineEnd + in.UnitSize();
-      if (lineEnd == Reader::npos && in.atEnd) lineEnd = next = in.end;
+      if (lineEnd == Reader::npos && in.atEnd) {
+        if (in.begin >= in.end) return 0; // a final line end makes no extra empty line
+        lineEnd = next = in.end;
+      }
       if (lineEnd != Reader::npos) {
-        if (lineEnd == in.begin && in.atEnd) return 0;
         std::size_t stop = lineEnd;
         if (stop > in.begin && in.IsCarriageReturn(stop - in.UnitSize())) stop -= in.UnitSize();
         in.Decode(in.begin, stop, line);
