@@ -75,9 +75,10 @@ TEST_F(RequestBodyTest, LineEndsFollowTheFieldIndexNotThePartsWritten) {
 }
 
 TEST_F(RequestBodyTest, FileBytesPassUnchanged) {
-  std::string bytes("\0\r\n--gc0p4Jq0M2Yt08jU534c0p\xff", 30);
-  client.SetUploadFile(folder.Write("nul.bin", bytes), u"");
-  EXPECT_EQ(Body(), FileHead("", "nul.bin") + bytes + closing);
+  const char raw[] = "\0\r\n--gc0p4Jq0M2Yt08jU534c0p\xff";
+  std::string bytes(raw, sizeof raw - 1);
+  client.SetUploadFile(folder.Write("zeros.bin", bytes), u"");
+  EXPECT_EQ(Body(), FileHead("", "zeros.bin") + bytes + closing);
   client.SetUploadFile(folder.Write("empty.bin", ""), u"p");
   EXPECT_EQ(Body(), FileHead("p", "empty.bin") + closing);
 }

@@ -6,11 +6,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace QOR::test {
 
 namespace {
 
+constexpr BOOL succeeded = 1;
+constexpr BOOL failed = 0;
 constexpr ::DWORD errorInvalidHandle = 6;
 constexpr ::DWORD errorIoPending = 997;
 constexpr ::DWORD errorIncorrectHandleType = 12018;
@@ -406,14 +409,14 @@ BOOL WINAPI FakeWinInet::HttpAddRequestHeadersW(HINTERNET value, LPCWSTR headers
   fake.Record("HttpAddRequestHeadersW " + mode + (length == 0xFFFFFFFF ? "" : " length " + std::to_string(length)));
   if (call.inside) call.inside();
   Handle* handle = Entry::Live(fake, value, requestKind, errorIncorrectHandleType);
-  if (!handle) return FALSE;
+  if (!handle) return failed;
   if (call.kind == FakeCall::Kind::Fail) {
     SetLastError(call.error);
-    return FALSE;
+    return failed;
   }
   std::lock_guard<std::mutex> hold(fake.lock);
   fake.requests[handle->request].headerCalls.push_back(mode + " " + Ascii(Units(headers)));
-  return TRUE;
+  return succeeded;
 }
 
 BOOL WINAPI FakeWinInet::HttpSendRequestExW(HINTERNET value, LPINTERNET_BUFFERSW in, LPINTERNET_BUFFERSW out,
@@ -424,20 +427,20 @@ BOOL WINAPI FakeWinInet::HttpSendRequestExW(HINTERNET value, LPINTERNET_BUFFERSW
               (out ? " out" : "") + (in && in->dwStructSize == sizeof(INTERNET_BUFFERSW) ? "" : " badsize"));
   if (call.inside) call.inside();
   Handle* handle = Entry::Live(fake, value, requestKind, errorIncorrectHandleType);
-  if (!handle) return FALSE;
+  if (!handle) return failed;
   {
     std::lock_guard<std::mutex> hold(fake.lock);
     fake.requests[handle->request].announced = in ? in->dwBufferTotal : 0;
   }
   if (call.kind == FakeCall::Kind::Fail) {
     SetLastError(call.error);
-    return FALSE;
+    return failed;
   }
   if (call.kind != FakeCall::Kind::Succeed) {
     Entry::Start(fake, new Hung{Api::HttpSendRequestExW, AsValue(value), context, std::move(call)});
-    return FALSE;
+    return failed;
   }
-  return TRUE;
+  return succeeded;
 }
 
 BOOL WINAPI FakeWinInet::InternetWriteFile(HINTERNET value, const void* data, ::DWORD size, LPDWORD written) {
@@ -446,14 +449,14 @@ BOOL WINAPI FakeWinInet::InternetWriteFile(HINTERNET value, const void* data, ::
   fake.Record("InternetWriteFile " + std::to_string(size));
   if (call.inside) call.inside();
   Handle* handle = Entry::Live(fake, value, requestKind, errorInvalidHandle);
-  if (!handle) return FALSE;
+  if (!handle) return failed;
   {
     std::lock_guard<std::mutex> hold(fake.lock);
     fake.requests[handle->request].writesOffered.push_back(size);
   }
   if (call.kind == FakeCall::Kind::Fail) {
     SetLastError(call.error);
-    return FALSE;
+    return failed;
   }
   if (call.kind != FakeCall::Kind::Succeed) {
     auto* pending = new Hung{Api::InternetWriteFile, AsValue(value), 0, std::move(call)};
@@ -461,13 +464,13 @@ BOOL WINAPI FakeWinInet::InternetWriteFile(HINTERNET value, const void* data, ::
     pending->size = size;
     pending->written = written;
     Entry::Start(fake, pending);
-    return FALSE;
+    return failed;
   }
   std::lock_guard<std::mutex> hold(fake.lock);
   ::DWORD count = std::min(size, call.bytes);
   fake.requests[handle->request].body.append(static_cast<const char*>(data), count);
   *written = count;
-  return TRUE;
+  return succeeded;
 }
 
 BOOL WINAPI FakeWinInet::HttpEndRequestW(HINTERNET value, LPINTERNET_BUFFERSW out, ::DWORD flags, DWORD_PTR context) {
@@ -476,10 +479,10 @@ BOOL WINAPI FakeWinInet::HttpEndRequestW(HINTERNET value, LPINTERNET_BUFFERSW ou
   fake.Record("HttpEndRequestW" + std::string(out ? " out" : "") + (flags ? " flags" : ""));
   if (call.inside) call.inside();
   Handle* handle = Entry::Live(fake, value, requestKind, errorIncorrectHandleType);
-  if (!handle) return FALSE;
+  if (!handle) return failed;
   if (call.kind == FakeCall::Kind::Fail) {
     SetLastError(call.error);
-    return FALSE;
+    return failed;
   }
   {
     std::lock_guard<std::mutex> hold(fake.lock);
@@ -487,9 +490,9 @@ BOOL WINAPI FakeWinInet::HttpEndRequestW(HINTERNET value, LPINTERNET_BUFFERSW ou
   }
   if (call.kind != FakeCall::Kind::Succeed) {
     Entry::Start(fake, new Hung{Api::HttpEndRequestW, AsValue(value), context, std::move(call)});
-    return FALSE;
+    return failed;
   }
-  return TRUE;
+  return succeeded;
 }
 
 BOOL WINAPI FakeWinInet::InternetReadFileExA(HINTERNET value, LPINTERNET_BUFFERSA buffers, ::DWORD flags,
@@ -500,20 +503,20 @@ BOOL WINAPI FakeWinInet::InternetReadFileExA(HINTERNET value, LPINTERNET_BUFFERS
               (flags == 1 ? "" : " flags " + std::to_string(flags)));
   if (call.inside) call.inside();
   Handle* handle = Entry::Live(fake, value, requestKind, errorInvalidHandle);
-  if (!handle) return FALSE;
+  if (!handle) return failed;
   if (call.kind == FakeCall::Kind::Fail) {
     SetLastError(call.error);
-    return FALSE;
+    return failed;
   }
   if (call.kind != FakeCall::Kind::Succeed) {
     auto* pending = new Hung{Api::InternetReadFileExA, AsValue(value), context, std::move(call)};
     pending->read = buffers;
     Entry::Start(fake, pending);
-    return FALSE;
+    return failed;
   }
   std::lock_guard<std::mutex> hold(fake.lock);
   *buffers = Entry::Serve(fake, *handle, *buffers, call.bytes);
-  return TRUE;
+  return succeeded;
 }
 
 BOOL WINAPI FakeWinInet::InternetCloseHandle(HINTERNET value) {
@@ -529,11 +532,11 @@ BOOL WINAPI FakeWinInet::InternetCloseHandle(HINTERNET value) {
     fake.log.push_back(std::string("InternetCloseHandle ") + (handle ? kindNames[handle->kind] : "unknown"));
     if (!handle || handle->closed) {
       SetLastError(errorInvalidHandle);
-      return FALSE;
+      return failed;
     }
     if (call.kind == FakeCall::Kind::Fail) {
       SetLastError(call.error);
-      return FALSE;
+      return failed;
     }
     handle->closed = true;
     kind = handle->kind;
@@ -544,7 +547,7 @@ BOOL WINAPI FakeWinInet::InternetCloseHandle(HINTERNET value) {
   }
   if (call.inside) call.inside();
   std::uintptr_t closed = AsValue(value);
-  if (kind == rootKind || (!pending.empty() && !cancels)) return TRUE;
+  if (kind == rootKind || (!pending.empty() && !cancels)) return succeeded;
   if (!pending.empty()) {
     fake.Schedule(0, [&fake, pending, closed] {
       for (Hung* open : pending) Entry::Complete(fake, open, true);
@@ -559,12 +562,12 @@ BOOL WINAPI FakeWinInet::InternetCloseHandle(HINTERNET value) {
     fake.Closing(closed);
   }
   // Hang: HANDLE_CLOSING never comes.
-  return TRUE;
+  return succeeded;
 }
 
 BOOL WINAPI FakeWinInet::InternetSetOptionW(HINTERNET, ::DWORD, LPVOID, ::DWORD) {
   active->Record("InternetSetOptionW");
-  return TRUE;
+  return succeeded;
 }
 
 void FakeWinInet::ReleaseHung() {
