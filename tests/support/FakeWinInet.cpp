@@ -164,7 +164,8 @@ void FakeWinInet::Worker() {
       return a.due != b.due ? a.due < b.due : a.order < b.order;
     });
     if (next->due > std::chrono::steady_clock::now() && !stopping) {
-      changed.wait_until(hold, next->due);
+      auto due = next->due; // the list may grow while this waits
+      changed.wait_until(hold, due);
       continue;
     }
     std::function<void()> run = std::move(next->run);
