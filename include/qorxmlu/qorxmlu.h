@@ -20,3 +20,6 @@
 #include <qorxmlu/foundation/FormatableTextFile.h>
 #include <qorxmlu/foundation/Encoding.h>
 #include <qorxmlu/foundation/Utility.h>
+#include <qorxmlu/http/HttpClientBase.h>
+#include <qorxmlu/http/HttpClientImpInterface.h>
+#include <qorxmlu/http/HttpClient.h>

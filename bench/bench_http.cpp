@@ -1,0 +1,235 @@
+// HttpClient against plain libcurl, on one loopback server in this process:
+//   - 20,000 small form POSTs over keep-alive, in interleaved batches (HttpClient::Retrieve with
+//     its watchdog thread per request, against a curl easy handle posting the same body);
+//   - a 200 MB upload file, posted as a multipart form (HttpClient, against curl's mime API
+//     streaming the same file), with the peak memory of HttpClient's run.
+#include <qorxmlu/http/HttpClient.h>
+
+#include "support/LoopbackServer.h"
+
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int smallRequests = 20000;
+constexpr int batch = 1000;
+constexpr std::size_t uploadBytes = 200u << 20;
+constexpr const char* boundary = "gc0p4Jq0M2Yt08jU534c0p";
+
+QOR::test::LoopbackServer* server = nullptr;
+std::string uploadPath;
+
+std::string Url(const char* path) { return "http://" + server->HostPort() + path; }
+
+std::size_t Collect(char* data, std::size_t size, std::size_t count, void* reply) {
+  static_cast<std::string*>(reply)->append(data, size * count);
+  return size * count;
+}
+
+// Kilobytes of the process: the peak since the last reset, or the current resident set.
+long StatusKb(const char* field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind(field, 0) == 0) return std::strtol(line.c_str() + std::string(field).size(), nullptr, 10);
+  return -1;
+}
+
+void ResetPeakMemory() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
+void AddSmallForm(QOR::HttpClient& client) {
+  client.AddFormField(u"id", u"7");
+  client.AddFormField(u"query", u"status");
+}
+
+struct Totals {
+  double oursSeconds = 0, curlSeconds = 0;
+  int oursRequests = 0, curlRequests = 0;
+  double oursUploadSeconds = 0, curlUploadSeconds = 0;
+  int uploads = 0;
+  long oursPeakKb = 0;
+} totals;
+
+// A batch of small POSTs through HttpClient.
+void SmallOurs(benchmark::State& state, QOR::HttpClient* client) {
+  for (auto _ : state) {
+    auto start = Clock::now();
+    for (int i = 0; i < batch; ++i) {
+      AddSmallForm(*client);
+      QOR::String reply;
+      QOR::ErrorInfo* error = client->Retrieve(u"/small", reply);
+      if (error) {
+        state.SkipWithError(error->Text().ToUtf8().c_str());
+        delete error;
+        return;
+      }
+    }
+    totals.oursSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+    totals.oursRequests += batch;
+  }
+  state.counters["requests/s"] = benchmark::Counter(batch, benchmark::Counter::kIsRate);
+}
+
+// The same batch through a curl easy handle, which keeps its connection.
+void SmallCurl(benchmark::State& state, CURL* curl, const std::string* body) {
+  curl_slist* headers = curl_slist_append(nullptr, (std::string("Content-Type: multipart/form-data; boundary=") + boundary).c_str());
+  std::string url = Url("/small");
+  std::string reply;
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body->data());
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body->size()));
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Collect);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
+  for (auto _ : state) {
+    auto start = Clock::now();
+    for (int i = 0; i < batch; ++i) {
+      reply.clear();
+      CURLcode result = curl_easy_perform(curl);
+      if (result != CURLE_OK) {
+        state.SkipWithError(curl_easy_strerror(result));
+        break;
+      }
+    }
+    totals.curlSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+    totals.curlRequests += batch;
+  }
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
+  curl_slist_free_all(headers);
+  state.counters["requests/s"] = benchmark::Counter(batch, benchmark::Counter::kIsRate);
+}
+
+void UploadOurs(benchmark::State& state) {
+  QOR::HttpClient client(u"bench", QOR::String::FromUtf8(server->HostPort()), false, 10, 600);
+  for (auto _ : state) {
+    client.AddFormField(u"id", u"7");
+    client.SetUploadFile(QOR::String::FromUtf8(uploadPath), u"userfile");
+    long before = StatusKb("VmRSS:");
+    ResetPeakMemory();
+    auto start = Clock::now();
+    QOR::String reply;
+    QOR::ErrorInfo* error = client.Retrieve(u"/discard", reply);
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (error) {
+      state.SkipWithError(error->Text().ToUtf8().c_str());
+      delete error;
+      return;
+    }
+    totals.oursUploadSeconds += seconds;
+    totals.oursPeakKb = std::max(totals.oursPeakKb, StatusKb("VmHWM:") - before);
+    state.counters["MB/s"] = uploadBytes / 1048576.0 / seconds;
+  }
+}
+
+void UploadCurl(benchmark::State& state) {
+  CURL* curl = curl_easy_init();
+  std::string url = Url("/discard");
+  std::string reply;
+  for (auto _ : state) {
+    curl_mime* form = curl_mime_init(curl);
+    curl_mimepart* field = curl_mime_addpart(form);
+    curl_mime_name(field, "id");
+    curl_mime_data(field, "7", CURL_ZERO_TERMINATED);
+    curl_mimepart* file = curl_mime_addpart(form);
+    curl_mime_name(file, "userfile");
+    curl_mime_filedata(file, uploadPath.c_str());
+    curl_mime_type(file, "application/base64");
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_MIMEPOST, form);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Collect);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply);
+    auto start = Clock::now();
+    CURLcode result = curl_easy_perform(curl);
+    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    curl_mime_free(form);
+    if (result != CURLE_OK) {
+      state.SkipWithError(curl_easy_strerror(result));
+      break;
+    }
+    totals.curlUploadSeconds += seconds;
+    state.counters["MB/s"] = uploadBytes / 1048576.0 / seconds;
+  }
+  curl_easy_cleanup(curl);
+}
+
+void WriteUploadFile() {
+  uploadPath = (std::filesystem::temp_directory_path() / "qorxmlu-bench-upload.bin").string();
+  std::ofstream out(uploadPath, std::ios::binary);
+  std::string block(1 << 20, '\0');
+  for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 31 + 7);
+  for (std::size_t written = 0; written < uploadBytes; written += block.size()) out.write(block.data(), block.size());
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (QOR::ErrorInfo* error = QOR::HttpClient::InitialiseHttp()) {
+    std::fprintf(stderr, "bench_http: %s\n", error->Text().ToUtf8().c_str());
+    delete error;
+    return 1;
+  }
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  QOR::test::LoopbackServer loopback;
+  loopback.Routes().Post("/small", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content("ok", "text/plain");
+  });
+  loopback.Start();
+  server = &loopback;
+  WriteUploadFile();
+
+  {
+    QOR::HttpClient client(u"bench", QOR::String::FromUtf8(loopback.HostPort()), false, 10, 60);
+    AddSmallForm(client);
+    const char* bytes = nullptr;
+    std::size_t length = 0;
+    delete client.GetRequestBuffer(QOR::String(u"gc0p4Jq0M2Yt08jU534c0p"), bytes, length);
+    std::string body(bytes, length);
+    delete[] bytes;
+    CURL* curl = curl_easy_init();
+
+    // Alternate the two so that both see the same share of the machine.
+    for (int round = 0; round < smallRequests / batch; ++round) {
+      benchmark::RegisterBenchmark("SmallPost/qorxmlu", [&client](benchmark::State& state) { SmallOurs(state, &client); })->Iterations(1)->UseRealTime();
+      benchmark::RegisterBenchmark("SmallPost/libcurl", [curl, &body](benchmark::State& state) { SmallCurl(state, curl, &body); })->Iterations(1)->UseRealTime();
+    }
+    for (int round = 0; round < 2; ++round) {
+      benchmark::RegisterBenchmark("Upload200MB/qorxmlu", &UploadOurs)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark("Upload200MB/libcurl", &UploadCurl)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    curl_easy_cleanup(curl);
+  }
+
+  double ours = totals.oursRequests / totals.oursSeconds;
+  double curl = totals.curlRequests / totals.curlSeconds;
+  std::printf("\nSmall form POST, keep-alive, %d requests each:\n", totals.oursRequests);
+  std::printf("  qorxmlu HttpClient::Retrieve  %9.0f requests/s  (%.1f us each)\n", ours, 1e6 / ours);
+  std::printf("  libcurl easy loop             %9.0f requests/s  (%.1f us each)\n", curl, 1e6 / curl);
+  std::printf("  ratio                         %9.2fx (goal >= 0.8x)\n", ours / curl);
+  double oursRate = 2 * (uploadBytes / 1048576.0) / totals.oursUploadSeconds;
+  double curlRate = 2 * (uploadBytes / 1048576.0) / totals.curlUploadSeconds;
+  std::printf("200 MB upload file, multipart POST, 2 runs each:\n");
+  std::printf("  qorxmlu HttpClient::Retrieve  %9.0f MB/s\n", oursRate);
+  std::printf("  libcurl mime, streamed        %9.0f MB/s\n", curlRate);
+  std::printf("  ratio                         %9.2fx (goal >= 0.5x)\n", oursRate / curlRate);
+  std::printf("  qorxmlu peak memory above the start: %ld MB (goal <= %zu MB: one body + 64 MB)\n",
+              totals.oursPeakKb / 1024, uploadBytes / 1048576 + 64);
+
+  std::filesystem::remove(uploadPath);
+  loopback.Stop();
+  curl_global_cleanup();
+  delete QOR::HttpClient::TerminateHttp();
+  return 0;
+}
