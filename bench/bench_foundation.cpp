@@ -1,6 +1,7 @@
 // The foundation beside its peers: UTF-8 conversions beside ICU, Thread start and stop beside
 // std::thread, array appends beside std::vector, and the wake-up latency of WaitOnEvents beside a
-// bare condition variable. A table at the end sets each figure beside its peer's.
+// bare condition variable. A table at the end sets each figure beside its peer's, taking the best
+// of the repetitions of each.
 
 #include <qorxmlu/foundation/Encoding.h>
 #include <qorxmlu/foundation/Event.h>
@@ -18,6 +19,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -284,15 +286,28 @@ void ConditionVariableLatency(benchmark::State& state) {
 
 // ---- Side by side -------------------------------------------------------------------------------
 
-// Keeps every run's figures for the table at the end.
+// Keeps the best repetition of each benchmark (the least real time; for the latencies, the
+// least median) for the table at the end. Repetitions of all benchmarks are interleaved, so a
+// pair's figures come from the same stretches of machine load.
 class Collector : public benchmark::ConsoleReporter {
 public:
   Collector() : ConsoleReporter(OO_Tabular) {}
   void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) results[run.run_name.function_name] = run;
+    for (const Run& run : runs) {
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      auto [kept, added] = results.try_emplace(run.run_name.function_name, run);
+      if (!added && Better(run, kept->second)) kept->second = run;
+    }
     ConsoleReporter::ReportRuns(runs);
   }
   std::map<std::string, Run> results;
+
+private:
+  static bool Better(const Run& run, const Run& than) {
+    auto median = run.counters.find("median_us");
+    if (median != run.counters.end()) return median->second.value < than.counters.at("median_us").value;
+    return run.GetAdjustedRealTime() < than.GetAdjustedRealTime();
+  }
 };
 
 enum class Figure { MBPerSecond, Time, Counter };
@@ -386,7 +401,18 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("wake/wait_on_events", WaitOnEventsLatency)->Iterations(1)->UseRealTime();
   benchmark::RegisterBenchmark("wake/condition_variable", ConditionVariableLatency)->Iterations(1)->UseRealTime();
 
-  benchmark::Initialize(&argc, argv);
+  // Five interleaved repetitions unless the command line says otherwise.
+  std::vector<char*> args(argv, argv + argc);
+  std::string repetitions = "--benchmark_repetitions=5";
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  auto given = [&](const char* flag) {
+    return std::any_of(args.begin() + 1, args.end(), [&](char* arg) { return std::strstr(arg, flag) != nullptr; });
+  };
+  if (!given("--benchmark_repetitions")) args.push_back(repetitions.data());
+  if (!given("--benchmark_enable_random_interleaving")) args.push_back(interleave.data());
+  int count = static_cast<int>(args.size());
+  args.push_back(nullptr);
+  benchmark::Initialize(&count, args.data());
   Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);
   PrintTable(collector);
