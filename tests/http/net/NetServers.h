@@ -1,6 +1,7 @@
 // The loopback servers of the end-to-end tests, by role:
 //   plain      HTTP, keep-alive: /bytes/<n>, /status/<n>, /discard (common routes), and
-//              /mirror (the request line, headers and body back), /base64/<n> (n pattern bytes
+//              /mirror (the request line, headers and body back), /text/<n> (n digits with a
+//              Content-Length), /base64/<n> (n pattern bytes
 //              in Base64), /utf8 (non-ASCII text), /port (the client's TCP port)
 //   secure     HTTPS with a certificate for 127.0.0.1 from the test CA
 //   untrusted  HTTPS with a self-signed certificate

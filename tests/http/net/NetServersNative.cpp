@@ -47,6 +47,12 @@ public:
     plain.Routes().Post(R"(/base64/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
       response.set_content(Base64(PatternBytes(std::stoul(request.matches[1]))), "text/plain");
     });
+    plain.Routes().Post(R"(/text/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
+      std::string text;
+      for (std::size_t size = std::stoul(request.matches[1]); text.size() < size;) text += "0123456789";
+      text.resize(std::stoul(request.matches[1]));
+      response.set_content(text, "text/plain");
+    });
     plain.Routes().Post("/utf8", [](const httplib::Request&, httplib::Response& response) {
       response.set_content("Gr\xc3\xbc\xc3\x9f" "e \xe2\x82\xac \xe6\x97\xa5\xe6\x9c\xac", "text/plain; charset=utf-8");
     });
