@@ -83,7 +83,8 @@ void SmallOurs(benchmark::State& state, QOR::HttpClient* client) {
 
 // The same batch through a curl easy handle, which keeps its connection.
 void SmallCurl(benchmark::State& state, CURL* curl, const std::string* body) {
-  curl_slist* headers = curl_slist_append(nullptr, (std::string("Content-Type: multipart/form-data; boundary=") + boundary).c_str());
+  curl_slist* headers =
+      curl_slist_append(nullptr, (std::string("Content-Type: multipart/form-data; boundary=") + boundary).c_str());
   std::string url = Url("/small");
   std::string reply;
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
@@ -182,9 +183,8 @@ int main(int argc, char** argv) {
   }
   curl_global_init(CURL_GLOBAL_DEFAULT);
   QOR::test::LoopbackServer loopback;
-  loopback.Routes().Post("/small", [](const httplib::Request&, httplib::Response& response) {
-    response.set_content("ok", "text/plain");
-  });
+  loopback.Routes().Post(
+      "/small", [](const httplib::Request&, httplib::Response& response) { response.set_content("ok", "text/plain"); });
   loopback.Start();
   server = &loopback;
   WriteUploadFile();
@@ -201,12 +201,24 @@ int main(int argc, char** argv) {
 
     // Alternate the two so that both see the same share of the machine.
     for (int round = 0; round < smallRequests / batch; ++round) {
-      benchmark::RegisterBenchmark("SmallPost/qorxmlu", [&client](benchmark::State& state) { SmallOurs(state, &client); })->Iterations(1)->UseRealTime();
-      benchmark::RegisterBenchmark("SmallPost/libcurl", [curl, &body](benchmark::State& state) { SmallCurl(state, curl, &body); })->Iterations(1)->UseRealTime();
+      benchmark::RegisterBenchmark("SmallPost/qorxmlu",
+                                   [&client](benchmark::State& state) { SmallOurs(state, &client); })
+          ->Iterations(1)
+          ->UseRealTime();
+      benchmark::RegisterBenchmark("SmallPost/libcurl",
+                                   [curl, &body](benchmark::State& state) { SmallCurl(state, curl, &body); })
+          ->Iterations(1)
+          ->UseRealTime();
     }
     for (int round = 0; round < 2; ++round) {
-      benchmark::RegisterBenchmark("Upload200MB/qorxmlu", &UploadOurs)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
-      benchmark::RegisterBenchmark("Upload200MB/libcurl", &UploadCurl)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark("Upload200MB/qorxmlu", &UploadOurs)
+          ->Iterations(1)
+          ->UseRealTime()
+          ->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark("Upload200MB/libcurl", &UploadCurl)
+          ->Iterations(1)
+          ->UseRealTime()
+          ->Unit(benchmark::kMillisecond);
     }
     benchmark::RunSpecifiedBenchmarks();
     curl_easy_cleanup(curl);

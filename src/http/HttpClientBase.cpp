@@ -4,8 +4,8 @@ namespace QOR {
 
 HttpClientBase::HttpClientBase(String agent, String server, bool secure, DWORD connectTimeoutSeconds,
                                DWORD requestTimeoutSeconds)
-    : agent(std::move(agent)), server(std::move(server)), secure(secure),
-      connectTimeout(connectTimeoutSeconds * 1000), requestTimeout(requestTimeoutSeconds * 1000) {
+    : agent(std::move(agent)), server(std::move(server)), secure(secure), connectTimeout(connectTimeoutSeconds * 1000),
+      requestTimeout(requestTimeoutSeconds * 1000) {
   formNames.SetCapacityIncrease(16);
   formValues.SetCapacityIncrease(16);
 }

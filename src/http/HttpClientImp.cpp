@@ -24,20 +24,20 @@ namespace {
 // Guards every engine's request handle and cancelled mark.
 CritSection fileHandleSection("fileHandleSection");
 
-constexpr ::DWORD errorInvalidHandle = 6;           // ERROR_INVALID_HANDLE
-constexpr ::DWORD errorIoPending = 997;             // ERROR_IO_PENDING
-constexpr ::DWORD errorHttpHeaderNotFound = 12150;  // ERROR_HTTP_HEADER_NOT_FOUND
+constexpr ::DWORD errorInvalidHandle = 6;          // ERROR_INVALID_HANDLE
+constexpr ::DWORD errorIoPending = 997;            // ERROR_IO_PENDING
+constexpr ::DWORD errorHttpHeaderNotFound = 12150; // ERROR_HTTP_HEADER_NOT_FOUND
 
-constexpr ::DWORD openTypePreconfig = 0;          // INTERNET_OPEN_TYPE_PRECONFIG
-constexpr ::DWORD flagAsync = 0x10000000;         // INTERNET_FLAG_ASYNC
-constexpr ::DWORD serviceHttp = 3;                // INTERNET_SERVICE_HTTP
-constexpr ::DWORD requestFlags = 0x84400000;      // RELOAD | NO_CACHE_WRITE | KEEP_CONNECTION
+constexpr ::DWORD openTypePreconfig = 0;           // INTERNET_OPEN_TYPE_PRECONFIG
+constexpr ::DWORD flagAsync = 0x10000000;          // INTERNET_FLAG_ASYNC
+constexpr ::DWORD serviceHttp = 3;                 // INTERNET_SERVICE_HTTP
+constexpr ::DWORD requestFlags = 0x84400000;       // RELOAD | NO_CACHE_WRITE | KEEP_CONNECTION
 constexpr ::DWORD secureRequestFlags = 0x00801000; // SECURE | IGNORE_CERT_CN_INVALID
-constexpr ::DWORD addReqReplace = 0x80000000;     // HTTP_ADDREQ_FLAG_REPLACE
-constexpr ::DWORD addReqAdd = 0x20000000;         // HTTP_ADDREQ_FLAG_ADD
-constexpr ::DWORD lengthToNul = 0xFFFFFFFF;       // header length -1: up to the NUL
-constexpr ::DWORD hsrInitiate = 8;                // HSR_INITIATE
-constexpr ::DWORD irfAsync = 1;                   // IRF_ASYNC
+constexpr ::DWORD addReqReplace = 0x80000000;      // HTTP_ADDREQ_FLAG_REPLACE
+constexpr ::DWORD addReqAdd = 0x20000000;          // HTTP_ADDREQ_FLAG_ADD
+constexpr ::DWORD lengthToNul = 0xFFFFFFFF;        // header length -1: up to the NUL
+constexpr ::DWORD hsrInitiate = 8;                 // HSR_INITIATE
+constexpr ::DWORD irfAsync = 1;                    // IRF_ASYNC
 
 constexpr ::DWORD statusConnectedToServer = 21;
 constexpr ::DWORD statusHandleCreated = 60;
@@ -76,8 +76,8 @@ struct StepWords {
 constexpr StepWords stepWords[] = {
     {u"Can't connect to web site: ", u"Timed out connecting to web site.", u"Failed connecting to web site.",
      u"Error connecting to web site: ", false},
-    {u"Can't get requested data: ", u"Timed out opening request", u"Failed opening request",
-     u"Error opening request: ", false},
+    {u"Can't get requested data: ", u"Timed out opening request", u"Failed opening request", u"Error opening request: ",
+     false},
     {u"Can't send request: ", u"Timed out sending request", u"Failed sending request", u"Error sending request: ",
      true},
     {u"Can't write requested data: ", u"Timed out writing requested data", u"Failed writing requested data",
@@ -215,7 +215,8 @@ private:
   // Returns true when the target is detached and no handle is left.
   bool ForgetLocked(HINTERNET handle) {
     liveHandles.erase(std::remove(liveHandles.begin(), liveHandles.end(), handle), liveHandles.end());
-    auto held = std::stable_partition(loans.begin(), loans.end(), [handle](const auto& loan) { return loan.first != handle; });
+    auto held =
+        std::stable_partition(loans.begin(), loans.end(), [handle](const auto& loan) { return loan.first != handle; });
     for (auto loan = held; loan != loans.end(); ++loan) RequestBlocks::Release(loan->second);
     loans.erase(held, loans.end());
     return detached && liveHandles.empty() && !pinned;
@@ -483,8 +484,8 @@ ErrorInfo* HttpClientImp::OpenRequest(const String& url) {
   target->completedEvent.Reset();
   ::DWORD flags = owner->secure ? requestFlags | secureRequestFlags : requestFlags;
   char* objectName = ConvertToMultibyte(url.Data(), CodePageSystem, nullptr);
-  HINTERNET request = winInet.HttpOpenRequestA(httpHandle, "POST", objectName, nullptr, referrer, acceptTypes, flags,
-                                               Context());
+  HINTERNET request =
+      winInet.HttpOpenRequestA(httpHandle, "POST", objectName, nullptr, referrer, acceptTypes, flags, Context());
   ::DWORD code = request ? 0 : QOR::GetLastError();
   delete[] objectName;
   if (!request) {
@@ -572,7 +573,8 @@ ErrorInfo* HttpClientImp::EndRequest() {
   return ended ? nullptr : AwaitCompletion(Step::EndRequest, code);
 }
 
-ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool examineAfterFailedWait, std::size_t& total) {
+ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool examineAfterFailedWait,
+                                    std::size_t& total) {
   // A reply buffer left by a read that never finished stays with the handle that may fill it.
   if (Blocks().replyBuffer) RenewBlocks();
   RequestBlocks& request = *blocks;

@@ -14,8 +14,7 @@ struct EntryPoint {
   void (*store)(void* address);
 };
 
-template <auto Slot>
-void Store(void* address) {
+template <auto Slot> void Store(void* address) {
   using Pointer = std::remove_reference_t<decltype(winInet.*Slot)>;
   winInet.*Slot = reinterpret_cast<Pointer>(address);
 }
@@ -28,17 +27,14 @@ constexpr EntryPoint entryPoints[] = {
      &Store<&WinInetTable::InternetCloseHandle>},
     {"InternetSetStatusCallbackW", u"Could not find InternetSetStatusCallbackW in wininet.dll",
      &Store<&WinInetTable::InternetSetStatusCallbackW>},
-    {"HttpOpenRequestA", u"Could not find HttpOpenRequestA in wininet.dll",
-     &Store<&WinInetTable::HttpOpenRequestA>},
+    {"HttpOpenRequestA", u"Could not find HttpOpenRequestA in wininet.dll", &Store<&WinInetTable::HttpOpenRequestA>},
     {"InternetSetOptionW", u"Could not find InternetSetOptionW in wininet.dll",
      &Store<&WinInetTable::InternetSetOptionW>},
-    {"InternetWriteFile", u"Could not find InternetWriteFile in wininet.dll",
-     &Store<&WinInetTable::InternetWriteFile>},
+    {"InternetWriteFile", u"Could not find InternetWriteFile in wininet.dll", &Store<&WinInetTable::InternetWriteFile>},
     {"InternetReadFileExA", u"Could not find nternetReadFileExA in wininet.dll",
      &Store<&WinInetTable::InternetReadFileExA>},
     {"HttpEndRequestW", u"Could not find HttpEndRequestW in wininet.dll", &Store<&WinInetTable::HttpEndRequestW>},
-    {"InternetConnectW", u"Could not find InternetConnectW in wininet.dll",
-     &Store<&WinInetTable::InternetConnectW>},
+    {"InternetConnectW", u"Could not find InternetConnectW in wininet.dll", &Store<&WinInetTable::InternetConnectW>},
     {"HttpSendRequestExW", u"Could not find HttpSendRequestExW in wininet.dll",
      &Store<&WinInetTable::HttpSendRequestExW>},
     {"HttpAddRequestHeadersW", u"Could not find HttpAddRequestHeadersW in wininet.dll",

@@ -191,7 +191,8 @@ TEST_F(EngineTest, ConnectFailuresLeaveNothingOpen) {
 
   Fresh();
   fake->Script(Api::InternetConnectW, FakeCall::Pend(5, 12007));
-  EXPECT_EQ(TakeText(engine->Connect()), "Error connecting to web site: Problem accessing the Internet. UNRESOLVED URL");
+  EXPECT_EQ(TakeText(engine->Connect()),
+            "Error connecting to web site: Problem accessing the Internet. UNRESOLVED URL");
   EXPECT_EQ(fake->OpenHandles(), 0);
 
   Fresh();
@@ -232,8 +233,9 @@ TEST_F(EngineTest, DisconnectJoinsErrorsAndRemovesTheCallbackBeforeTheRoot) {
   EXPECT_EQ(Send(), "");
   fake->Script(Api::InternetCloseHandle, FakeCall::Fail(12004));
   fake->Script(Api::InternetCloseHandle, FakeCall::Fail(12005));
-  EXPECT_EQ(TakeTexts(engine->Disconnect()), (std::vector<std::string>{"Error closing File handleINTERNET INTERNAL ERROR",
-                                                                     "Error closing HTTP handleINVALID URL"}));
+  EXPECT_EQ(TakeTexts(engine->Disconnect()),
+            (std::vector<std::string>{"Error closing File handleINTERNET INTERNAL ERROR",
+                                      "Error closing HTTP handleINVALID URL"}));
   EXPECT_LT(Position("InternetSetStatusCallbackW null"), Position("InternetCloseHandle root"));
   EXPECT_EQ(TakeText(engine->Disconnect()), "");
 }
@@ -383,7 +385,8 @@ TEST_F(EngineTest, FailedReadLeavesTheReplyAlone) {
 TEST_F(EngineTest, Base64RepliesGrowByTheBlockSize) {
   struct {
     std::string text, bytes;
-  } cases[] = {{"", ""}, {"AAEC/w==", std::string("\0\1\2\xff", 4)},
+  } cases[] = {{"", ""},
+               {"AAEC/w==", std::string("\0\1\2\xff", 4)},
                {"aGVsbG8gd29ybGQsIGhlbGxvIHdvcmxk", "hello world, hello world"}};
   for (const auto& entry : cases) {
     Fresh();
@@ -408,7 +411,8 @@ TEST_F(EngineTest, Base64ReadLooksAtTheCompletionAfterAFailedWait) {
   std::size_t length = 0;
   {
     FailingWaits failing(1);
-    EXPECT_EQ(TakeText(engine->ReadBase64Reply(16, buffer, length)), "Error reading requested data: OPERATION CANCELLED");
+    EXPECT_EQ(TakeText(engine->ReadBase64Reply(16, buffer, length)),
+              "Error reading requested data: OPERATION CANCELLED");
   }
   Fresh();
   Connect();

@@ -17,7 +17,8 @@ TEST(InternetErrorsTest, TableRangeAndSystemWords) {
   EXPECT_EQ(textOf(12002), "INTERNET_TIMEOUT");
   EXPECT_EQ(textOf(12007), "Problem accessing the Internet. UNRESOLVED URL");
   EXPECT_EQ(textOf(12171), "INTERNET FAILED DUE TO SECURITY CHECK");
-  for (DWORD code : {12000u, 12035u, 12051u, 12100u, 12172u, 12192u}) EXPECT_EQ(textOf(code), "Unspecified Internet error");
+  for (DWORD code : {12000u, 12035u, 12051u, 12100u, 12172u, 12192u})
+    EXPECT_EQ(textOf(code), "Unspecified Internet error");
   for (DWORD code : {11999u, 12193u}) EXPECT_EQ(textOf(code), "outside: untouched");
 
   EXPECT_EQ(test::TakeText(MakeInternetError(String(u"Can't connect to web site: "), 12029)),

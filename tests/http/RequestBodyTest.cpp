@@ -19,8 +19,8 @@ std::string TextPart(const std::string& name, const std::string& value) {
 }
 
 std::string FileHead(const std::string& param, const std::string& fileName) {
-  return "--gc0p4Jq0M2Yt08jU534c0p\r\nContent-Disposition: form-data; name=\"" + param + "\"; filename=\"" +
-         fileName + "\"\r\nContent-Type: application/base64\r\nContent-Transfer-Encoding: Base64\r\n\r\n";
+  return "--gc0p4Jq0M2Yt08jU534c0p\r\nContent-Disposition: form-data; name=\"" + param + "\"; filename=\"" + fileName +
+         "\"\r\nContent-Type: application/base64\r\nContent-Transfer-Encoding: Base64\r\n\r\n";
 }
 
 const std::string closing = "\r\n--gc0p4Jq0M2Yt08jU534c0p--";

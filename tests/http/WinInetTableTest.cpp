@@ -54,9 +54,9 @@ protected:
   WinInetTable saved;
 };
 
-const char* const entryNames[] = {"InternetOpenW",       "InternetCloseHandle", "InternetSetStatusCallbackW",
-                                  "HttpOpenRequestA",    "InternetSetOptionW",  "InternetWriteFile",
-                                  "InternetReadFileExA", "HttpEndRequestW",     "InternetConnectW",
+const char* const entryNames[] = {"InternetOpenW",       "InternetCloseHandle",   "InternetSetStatusCallbackW",
+                                  "HttpOpenRequestA",    "InternetSetOptionW",    "InternetWriteFile",
+                                  "InternetReadFileExA", "HttpEndRequestW",       "InternetConnectW",
                                   "HttpSendRequestExW",  "HttpAddRequestHeadersW"};
 
 TEST_F(WinInetTableTest, ModuleThatCannotBeLoaded) {
@@ -73,7 +73,8 @@ TEST_F(WinInetTableTest, EachMissingEntryPointStopsTheLoadWithItsMessage) {
   for (std::size_t i = 0; i < std::size(entryNames); ++i) {
     SetUp();
     StandInModule::missing = entryNames[i];
-    std::string expected = std::string("Could not find ") + (i == 6 ? "nternetReadFileExA" : entryNames[i]) + " in wininet.dll";
+    std::string expected =
+        std::string("Could not find ") + (i == 6 ? "nternetReadFileExA" : entryNames[i]) + " in wininet.dll";
     EXPECT_EQ(test::TakeText(LoadWinInet(standInLoader)), expected);
     EXPECT_EQ(winInet.module, nullptr) << entryNames[i];
     EXPECT_EQ(StandInModule::releases, 1) << entryNames[i];

@@ -21,8 +21,7 @@ constexpr ::DWORD errorOperationCancelled = 12017;
 
 enum HandleKind { rootKind, connectionKind, requestKind };
 
-template <class Unit>
-std::u16string Units(const Unit* text) {
+template <class Unit> std::u16string Units(const Unit* text) {
   std::u16string units;
   for (; text && *text; ++text) units += static_cast<char16_t>(*text);
   return units;
@@ -147,7 +146,8 @@ void FakeWinInet::Record(std::string line) {
 void FakeWinInet::Schedule(int delayMs, std::function<void()> task) {
   {
     std::lock_guard<std::mutex> hold(lock);
-    tasks.push_back({std::chrono::steady_clock::now() + std::chrono::milliseconds(delayMs), taskOrder++, std::move(task)});
+    tasks.push_back(
+        {std::chrono::steady_clock::now() + std::chrono::milliseconds(delayMs), taskOrder++, std::move(task)});
   }
   changed.notify_all();
 }
@@ -336,8 +336,8 @@ HINTERNET WINAPI FakeWinInet::InternetConnectW(HINTERNET root, LPCWSTR server, I
                                                LPCWSTR password, ::DWORD service, ::DWORD flags, DWORD_PTR context) {
   FakeWinInet& fake = *active;
   FakeCall call = fake.Next(Api::InternetConnectW);
-  fake.Record("InternetConnectW " + Ascii(Units(server)) + ":" + std::to_string(port) + " " +
-              std::to_string(service) + " " + std::to_string(flags) + (user && password && !*user && !*password ? "" : " credentials"));
+  fake.Record("InternetConnectW " + Ascii(Units(server)) + ":" + std::to_string(port) + " " + std::to_string(service) +
+              " " + std::to_string(flags) + (user && password && !*user && !*password ? "" : " credentials"));
   {
     std::lock_guard<std::mutex> hold(fake.lock);
     fake.lastServer = Units(server);
@@ -363,8 +363,7 @@ HINTERNET WINAPI FakeWinInet::InternetConnectW(HINTERNET root, LPCWSTR server, I
 }
 
 HINTERNET WINAPI FakeWinInet::HttpOpenRequestA(HINTERNET connection, LPCSTR verb, LPCSTR objectName, LPCSTR version,
-                                               LPCSTR referrer, LPCSTR* acceptTypes, ::DWORD flags,
-                                               DWORD_PTR context) {
+                                               LPCSTR referrer, LPCSTR* acceptTypes, ::DWORD flags, DWORD_PTR context) {
   FakeWinInet& fake = *active;
   FakeCall call = fake.Next(Api::HttpOpenRequestA);
   fake.Record(std::string("HttpOpenRequestA ") + (verb ? verb : "") + " " + (objectName ? objectName : ""));

@@ -145,10 +145,8 @@ private:
                                            LPCSTR referrer, LPCSTR* acceptTypes, ::DWORD flags, DWORD_PTR context);
   static BOOL WINAPI InternetSetOptionW(HINTERNET handle, ::DWORD option, LPVOID buffer, ::DWORD length);
   static BOOL WINAPI InternetWriteFile(HINTERNET file, const void* data, ::DWORD size, LPDWORD written);
-  static BOOL WINAPI InternetReadFileExA(HINTERNET file, LPINTERNET_BUFFERSA buffers, ::DWORD flags,
-                                         DWORD_PTR context);
-  static BOOL WINAPI HttpEndRequestW(HINTERNET request, LPINTERNET_BUFFERSW buffers, ::DWORD flags,
-                                     DWORD_PTR context);
+  static BOOL WINAPI InternetReadFileExA(HINTERNET file, LPINTERNET_BUFFERSA buffers, ::DWORD flags, DWORD_PTR context);
+  static BOOL WINAPI HttpEndRequestW(HINTERNET request, LPINTERNET_BUFFERSW buffers, ::DWORD flags, DWORD_PTR context);
   static HINTERNET WINAPI InternetConnectW(HINTERNET root, LPCWSTR server, INTERNET_PORT port, LPCWSTR user,
                                            LPCWSTR password, ::DWORD service, ::DWORD flags, DWORD_PTR context);
   static BOOL WINAPI HttpSendRequestExW(HINTERNET request, LPINTERNET_BUFFERSW in, LPINTERNET_BUFFERSW out,

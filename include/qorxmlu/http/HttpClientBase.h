@@ -19,8 +19,7 @@ namespace QOR {
 class QORXMLU_API HttpClientBase {
 public:
   // Stores the settings; the two time-outs are given in seconds and held in milliseconds.
-  HttpClientBase(String agent, String server, bool secure, DWORD connectTimeoutSeconds,
-                 DWORD requestTimeoutSeconds);
+  HttpClientBase(String agent, String server, bool secure, DWORD connectTimeoutSeconds, DWORD requestTimeoutSeconds);
   HttpClientBase(const HttpClientBase&) = delete;
   HttpClientBase& operator=(const HttpClientBase&) = delete;
   virtual ~HttpClientBase();

@@ -54,7 +54,9 @@ public:
       response.set_content(text, "text/plain");
     });
     plain.Routes().Post("/utf8", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content("Gr\xc3\xbc\xc3\x9f" "e \xe2\x82\xac \xe6\x97\xa5\xe6\x9c\xac", "text/plain; charset=utf-8");
+      response.set_content("Gr\xc3\xbc\xc3\x9f"
+                           "e \xe2\x82\xac \xe6\x97\xa5\xe6\x9c\xac",
+                           "text/plain; charset=utf-8");
     });
     plain.Routes().Post("/port", [](const httplib::Request& request, httplib::Response& response) {
       response.set_content(std::to_string(request.remote_port), "text/plain");
