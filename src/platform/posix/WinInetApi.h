@@ -1,17 +1,22 @@
-// WinInet's names, types and entry points for the HTTP engine on Linux, where libqorinet
-// provides them. The engine includes this header and no other from the system.
+// WinInet's names, types and entry points for the HTTP engine on Linux, as libqorinet declares
+// them. The engine includes this header and no other from the system.
 #pragma once
 
 #include <qorxmlu/foundation/String.h>
 
-#include <cstdint>
-
+// Calling conventions of the Windows declarations; nothing on Linux.
 #ifndef WINAPI
 #define WINAPI
 #endif
 #ifndef CALLBACK
 #define CALLBACK
 #endif
+
+#if __has_include(<qorinet/wininet.h>)
+#include <qorinet/wininet.h>
+#else
+// The same declarations, for a tree without libqorinet.
+#include <cstdint>
 
 extern "C" {
 typedef std::uint32_t DWORD;
@@ -77,6 +82,8 @@ BOOL WINAPI HttpSendRequestExW(HINTERNET hRequest, LPINTERNET_BUFFERSW lpBuffers
                                DWORD dwFlags, DWORD_PTR dwContext);
 BOOL WINAPI HttpAddRequestHeadersW(HINTERNET hRequest, LPCWSTR lpszHeaders, DWORD dwHeadersLength, DWORD dwModifiers);
 }
+
+#endif
 
 namespace QOR::inet {
 
