@@ -2,7 +2,16 @@
 
 #include "HandleTable.h"
 
+#include <chrono>
+
 namespace QOR::inet {
+
+namespace {
+// Status callbacks running on this thread (a callback may call into the library again).
+thread_local int callbacksOnThisThread = 0;
+// How long a close waits for a callback of its handle that is returning on another thread.
+constexpr std::chrono::milliseconds callbackReturnWait(5);
+} // namespace
 
 Handle::Handle(Kind kind, std::shared_ptr<Session> session) : kind(kind), context(0), session(std::move(session)) {}
 
@@ -34,10 +43,7 @@ HINTERNET Handle::Publish(const std::shared_ptr<Handle>& handle) {
       ++handle->callbacksRunning;
     }
     handle->Invoke(parent->value, INTERNET_STATUS_HANDLE_CREATED, &created, sizeof created);
-    {
-      std::lock_guard<std::mutex> guard(handle->session->Lock());
-      --handle->callbacksRunning;
-    }
+    handle->CallbackReturned();
     handle->FinishClose();
   }
   return handle->value;
@@ -57,8 +63,14 @@ bool Handle::Close() {
 
   bool now = false;
   {
-    std::lock_guard<std::mutex> guard(session->Lock());
+    std::unique_lock<std::mutex> guard(session->Lock());
     closeRequested = true;
+    // A caller that closes just after a completion woke it finds the loop thread still on its
+    // way out of that callback; waiting a moment lets HANDLE_CLOSING come here, inside the close.
+    // Never from a callback: the one still running may be this thread's own.
+    if (callbacksRunning > 0 && callbacksOnThisThread == 0) {
+      session->CallbacksReturned().wait_for(guard, callbackReturnWait, [this] { return callbacksRunning == 0; });
+    }
     if (!closingSent && !Busy()) now = closingSent = true;
   }
   if (now) {
@@ -102,7 +114,14 @@ void Handle::Invoke(HINTERNET subject, DWORD status, const void* info, DWORD len
   INTERNET_STATUS_CALLBACK target = callback.load();
   // Like WinInet, no notifications for a handle made without a context.
   if (!target || target == INTERNET_INVALID_STATUS_CALLBACK || context == 0) return;
+  ++callbacksOnThisThread;
   target(subject, context, status, const_cast<void*>(info), length);
+  --callbacksOnThisThread;
+}
+
+void Handle::CallbackReturned() {
+  std::lock_guard<std::mutex> guard(session->Lock());
+  if (--callbacksRunning == 0 && closeRequested) session->CallbacksReturned().notify_all();
 }
 
 } // namespace QOR::inet

@@ -77,6 +77,7 @@ protected:
 
 private:
   void Invoke(HINTERNET subject, DWORD status, const void* info, DWORD length);
+  void CallbackReturned();
   void SendClosing();
 
   const Kind kind;
@@ -104,10 +105,7 @@ template <class F> void Handle::Notify(DWORD status, const void* info, DWORD len
     ++callbacksRunning;
   }
   Invoke(value, status, info, length);
-  {
-    std::lock_guard<std::mutex> guard(session->Lock());
-    --callbacksRunning;
-  }
+  CallbackReturned();
   FinishClose();
 }
 

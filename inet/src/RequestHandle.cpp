@@ -95,6 +95,8 @@ DWORD RequestHandle::Write(const void* data, DWORD size, DWORD* written) {
     lentSize = size;
     lentTaken = 0;
     lentWritten = written;
+    // libcurl takes the bytes at its next call for data; only a paused upload needs waking.
+    if (next == &RequestHandle::ResumeUpload && !uploadPaused) return ERROR_IO_PENDING;
   }
   PostSelf(next);
   return ERROR_IO_PENDING;
@@ -159,7 +161,21 @@ bool RequestHandle::Busy() const { return Handle::Busy() || op != Op::None; }
 
 void RequestHandle::CloseDeferred() { PostSelf(&RequestHandle::Cancel); }
 
-void RequestHandle::Closed() { PostSelf(&RequestHandle::Dispose); }
+void RequestHandle::Closed() {
+  bool running = false;
+  {
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    running = transferRunning;
+  }
+  // A transfer still under way is stopped at once; a finished one is tidied up at leisure.
+  auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());
+  auto dispose = [self] { self->Dispose(); };
+  if (running) {
+    GetSession().Post(dispose);
+  } else {
+    GetSession().PostQuietly(dispose);
+  }
+}
 
 void RequestHandle::PostSelf(void (RequestHandle::*command)()) {
   auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());
@@ -179,8 +195,12 @@ void RequestHandle::Begin() {
     const std::u16string& name = connection->HostName();
     Notify(INTERNET_STATUS_RESOLVING_NAME, name.c_str(), static_cast<DWORD>((name.size() + 1) * sizeof(char16_t)));
   }
+  {
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    transferRunning = true;
+  }
   if (!transfer->Start(plan, std::static_pointer_cast<RequestHandle>(shared_from_this())))
-    Fail(ERROR_INTERNET_INTERNAL_ERROR);
+    TransferDone(CURLE_FAILED_INIT);
 }
 
 Transfer::Plan RequestHandle::MakePlan() {
@@ -212,6 +232,9 @@ Transfer::Plan RequestHandle::MakePlan() {
   if (flags & INTERNET_FLAG_KEEP_CONNECTION) wire.AddIfMissing("Connection", "Keep-Alive");
 
   std::size_t bytes = verb.size() + 1 + target.size() + sizeof(" HTTP/1.1\r\n") - 1 + 2;
+  // libcurl writes a Host header of the list right after the request line; an empty one first
+  // stops that, and ours then goes out where WinInet puts it.
+  plan.headerLines.emplace_back("Host:");
   for (const HeaderList::Field& field : wire.Fields()) {
     // libcurl reads "Name:" as "leave this header out" and "Name;" as "send it empty".
     plan.headerLines.push_back(field.name + (field.value.empty() ? ";" : ": " + field.value));
@@ -226,6 +249,10 @@ Transfer::Plan RequestHandle::MakePlan() {
 }
 
 void RequestHandle::ResumeUpload() {
+  {
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    uploadPaused = false;
+  }
   if (transfer) transfer->ResumeUpload();
 }
 
@@ -331,7 +358,10 @@ std::size_t RequestHandle::Upload(char* buffer, std::size_t size) {
   {
     std::lock_guard<std::mutex> guard(GetSession().Lock());
     if (IsClosed()) return CURL_READFUNC_ABORT;
-    if (op != Op::Write || lentTaken == lentSize) return CURL_READFUNC_PAUSE;
+    if (op != Op::Write || lentTaken == lentSize) {
+      uploadPaused = true;
+      return CURL_READFUNC_PAUSE;
+    }
     taken = std::min<std::size_t>(size, lentSize - lentTaken);
     std::memcpy(buffer, lentData + lentTaken, taken);
     lentTaken += static_cast<DWORD>(taken);
@@ -455,6 +485,10 @@ void RequestHandle::Fail(DWORD error) {
 void RequestHandle::TransferDone(CURLcode code) {
   DWORD error = code == CURLE_OK ? 0 : transfer->ErrorOf(code);
   transfer->Detach();
+  {
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    transferRunning = false;
+  }
   if (error) {
     Fail(error);
     return;

@@ -94,6 +94,8 @@ private:
   DWORD readCapacity = 0;
   DWORD readCount = 0;
   ByteQueue replyBytes;
+  bool uploadPaused = false;
+  bool transferRunning = false;
   bool replyPaused = false;
   bool replyDone = false;
   bool headersDone = false;

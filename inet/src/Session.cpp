@@ -47,6 +47,11 @@ void Session::Post(std::function<void()> command) {
   curl_multi_wakeup(multi);
 }
 
+void Session::PostQuietly(std::function<void()> command) {
+  std::lock_guard<std::mutex> guard(queueLock);
+  if (!stopped) commands.push_back(std::move(command));
+}
+
 void Session::Stop() {
   {
     std::lock_guard<std::mutex> guard(queueLock);

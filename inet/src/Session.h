@@ -8,6 +8,7 @@
 
 #include <curl/curl.h>
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -43,6 +44,11 @@ public:
   // Runs `command` on the loop thread after the commands posted before it. Commands posted
   // after the loop has stopped are dropped.
   void Post(std::function<void()> command);
+  // The same without waking the loop: the command runs when the loop wakes for anything else
+  // (at the latest when it stops). For housekeeping that nothing waits for.
+  void PostQuietly(std::function<void()> command);
+  // Signalled when callbacks of a closing handle have returned. Used with Lock().
+  std::condition_variable& CallbacksReturned() { return callbacksReturned; }
   // Runs the commands posted so far, stops the loop and joins it. Called on the loop thread
   // itself (from a status callback), it only tells the loop to stop.
   void Stop();
@@ -69,6 +75,7 @@ private:
 
   Settings settings;
   std::mutex lock;
+  std::condition_variable callbacksReturned;
   CURLM* multi = nullptr;
   std::thread loop;
   std::thread::id loopId;

@@ -2,19 +2,14 @@
 // cross-built scenario program under Wine), each against servers of its own, and compares the
 // traces step by step. Registered by the Windows build:
 //   inet_wine_trace_test --windows-scenario <inet_scenario.exe> --wine <wine>
-//
-// Before comparing, both traces are brought to one form where the two may differ by timing
-// alone: a write or read shows only its outcome (bytes or error), whether it returned at once or
-// pended, without its progress statuses; HANDLE_CLOSING loses its thread mark (it comes inside
-// the close or just after, by a race in both); CLOSING_CONNECTION and CONNECTION_CLOSED, which
-// libqorinet does not report, are dropped.
+// Both traces are compared in the canonical form of TraceSteps.h.
 #include "ScenarioServers.h"
+#include "TraceSteps.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <map>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -49,11 +44,6 @@ const KnownDifference knownDifferences[] = {
 
 using Traces = std::map<std::string, std::vector<std::string>>;
 
-struct Step {
-  std::string call;
-  std::vector<std::string> callbacks;
-};
-
 std::string Quote(const std::string& text) { return "'" + text + "'"; }
 
 Traces RunProgram(const std::string& command) {
@@ -83,57 +73,6 @@ std::string Arguments(const ScenarioServers& servers, const std::string& pathPre
   return arguments;
 }
 
-// The outcome of a write or read whichever way it came: "-> <bytes>", or the error.
-std::string TransferOutcome(const std::string& call, const std::vector<std::string>& callbacks) {
-  std::smatch match;
-  std::string head = call.substr(0, call.find(" -> "));
-  if (std::regex_search(call, match, std::regex(" -> TRUE (\\d+)$"))) return head + " -> " + match[1].str();
-  if (std::regex_search(call, match, std::regex(" -> FALSE (\\d+)$"))) return head + " -> error " + match[1].str();
-  std::string bytes = "?";
-  for (const std::string& line : callbacks) {
-    if (std::regex_search(line, match, std::regex(" (31|41) (\\d+)$"))) bytes = match[2].str();
-    if (std::regex_search(line, match, std::regex(" 100 \\(1,0\\)$"))) return head + " -> " + bytes;
-    if (std::regex_search(line, match, std::regex(" 100 \\(0,(\\d+)\\)$"))) return head + " -> error " + match[1].str();
-  }
-  return head + " -> no completion";
-}
-
-std::vector<Step> Canonical(const std::vector<std::string>& trace) {
-  std::vector<Step> steps;
-  for (const std::string& line : trace) {
-    if (line.rfind("  ", 0) != 0) {
-      steps.push_back({line, {}});
-    } else if (!steps.empty()) {
-      steps.back().callbacks.push_back(line);
-    }
-  }
-  for (Step& step : steps) {
-    bool transfer = step.call.rfind("InternetWriteFile", 0) == 0 || step.call.rfind("InternetReadFileExA", 0) == 0;
-    if (transfer) {
-      step.call = TransferOutcome(step.call, step.callbacks);
-      step.callbacks.clear();
-      continue;
-    }
-    std::vector<std::string> kept;
-    for (const std::string& line : step.callbacks) {
-      std::string status = line.substr(4, line.find(' ', 4) - 4);
-      if (status == "50" || status == "51") continue;
-      kept.push_back(status == "70" ? "  " + line.substr(4) : line);
-    }
-    step.callbacks = kept;
-  }
-  return steps;
-}
-
-std::string Show(const std::vector<Step>& steps, std::size_t from) {
-  std::string text;
-  for (std::size_t i = from; i < steps.size(); ++i) {
-    text += "    " + steps[i].call + "\n";
-    for (const std::string& line : steps[i].callbacks) text += "    " + line + "\n";
-  }
-  return text;
-}
-
 class WineTraceTest : public testing::TestWithParam<std::string> {
 public:
   static void SetUpTestSuite() {
@@ -157,8 +96,8 @@ TEST_P(WineTraceTest, SameStepsAsWine) {
   ASSERT_FALSE(windowsScenario.empty()) << "no --windows-scenario given";
   ASSERT_TRUE(linuxTraces.count(name)) << "libqorinet's scenario program did not run " << name;
   ASSERT_TRUE(wineTraces.count(name)) << "the scenario program under Wine did not run " << name;
-  std::vector<Step> ours = Canonical(linuxTraces[name]);
-  std::vector<Step> wine = Canonical(wineTraces[name]);
+  std::vector<Step> ours = CanonicalSteps(linuxTraces[name]);
+  std::vector<Step> wine = CanonicalSteps(wineTraces[name]);
 
   const KnownDifference* known = nullptr;
   for (const KnownDifference& difference : knownDifferences) {
@@ -173,12 +112,12 @@ TEST_P(WineTraceTest, SameStepsAsWine) {
   }
   if (known && step < count && ours[step].call.rfind(known->fromCall, 0) == 0) {
     std::printf("%s: Wine differs from step %zu on, as recorded.\n  Why: %s\n  libqorinet:\n%s  Wine:\n%s",
-                name.c_str(), step + 1, known->reason, Show(ours, step).c_str(), Show(wine, step).c_str());
+                name.c_str(), step + 1, known->reason, ShowSteps(ours, step).c_str(), ShowSteps(wine, step).c_str());
     return;
   }
   ADD_FAILURE() << name << ": the traces part at step " << step + 1 << "\n  libqorinet:\n"
-                << Show(ours, step) << "  Wine:\n"
-                << Show(wine, step);
+                << ShowSteps(ours, step) << "  Wine:\n"
+                << ShowSteps(wine, step);
 }
 
 std::vector<std::string> ScenarioNames() {

@@ -32,23 +32,46 @@ LoopbackServer::LoopbackServer(const std::string& certificateFile, const std::st
 LoopbackServer::~LoopbackServer() { Stop(); }
 
 void LoopbackServer::AddCommonRoutes() {
+  server->set_tcp_nodelay(true); // it writes head and body apart: no Nagle wait between them
   server->set_keep_alive_max_count(100000);
   server->set_keep_alive_timeout(30);
   server->set_read_timeout(30, 0);
   server->set_write_timeout(30, 0);
   server->set_payload_max_length(std::size_t(1) << 32);
-  server->set_logger([this](const httplib::Request& request, const httplib::Response&) {
-    std::lock_guard<std::mutex> guard(lock);
-    seen.push_back({request.method, request.path, request.headers, request.body.size(), request.remote_port});
+  server->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      seen.push_back({request.method, request.path, request.headers, request.remote_port});
+    }
+    // cpp-httplib parses every multipart body it reads and answers 400 to one it cannot parse;
+    // the routes here want the bytes as they came, so it does not get to see the type.
+    auto& headers = const_cast<httplib::Headers&>(request.headers);
+    auto type = headers.find("Content-Type");
+    if (type != headers.end() && type->second.rfind("multipart/", 0) == 0) {
+      headers.emplace("X-Posted-Content-Type", type->second);
+      type->second = "application/octet-stream";
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
   });
-  server->Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
-    response.set_content(request.body, "text/plain");
+  // Bodies are read raw: a multipart body goes back exactly as it came, never parsed.
+  server->Post("/echo", [](const httplib::Request&, httplib::Response& response,
+                           const httplib::ContentReader& reader) {
+    std::string body;
+    reader([&](const char* data, std::size_t length) {
+      body.append(data, length);
+      return true;
+    });
+    response.set_content(body, "text/plain");
   });
   auto bytes = [](const httplib::Request& request, httplib::Response& response) {
     ServeBytes(response, std::stoull(request.matches[1]));
   };
   server->Get(R"(/bytes/(\d+))", bytes);
-  server->Post(R"(/bytes/(\d+))", bytes);
+  server->Post(R"(/bytes/(\d+))", [bytes](const httplib::Request& request, httplib::Response& response,
+                                          const httplib::ContentReader& reader) {
+    reader([](const char*, std::size_t) { return true; });
+    bytes(request, response);
+  });
   server->Post("/discard", [](const httplib::Request&, httplib::Response& response,
                               const httplib::ContentReader& reader) {
     std::size_t size = 0;
@@ -63,7 +86,11 @@ void LoopbackServer::AddCommonRoutes() {
     response.set_content("no such page here\n", "text/plain");
   };
   server->Get(R"(/status/(\d+))", status);
-  server->Post(R"(/status/(\d+))", status);
+  server->Post(R"(/status/(\d+))", [status](const httplib::Request& request, httplib::Response& response,
+                                            const httplib::ContentReader& reader) {
+    reader([](const char*, std::size_t) { return true; });
+    status(request, response);
+  });
 }
 
 void LoopbackServer::Start() {

@@ -1,10 +1,12 @@
 // An HTTP or HTTPS server on 127.0.0.1 and a port of its own, running on its own threads for
 // the life of the object. Tests add routes before Start; a few common ones are there already:
-//   POST /echo          answers with the request body
+//   POST /echo          answers with the request body, byte for byte
 //   any  /bytes/<n>     answers with n bytes ("0123456789" repeated), streamed
 //   POST /discard       reads the body as it comes and answers with its size in decimal
 //   any  /status/<n>    answers with status n and the body "no such page here\n"
-// Every request is recorded with the client's port, so a test can tell TCP connections apart.
+// Request bodies are read raw: a handler sees a multipart Content-Type as X-Posted-Content-Type.
+// Every request is recorded as it came, with the client's port, so a test can tell TCP
+// connections apart.
 #pragma once
 
 #include <httplib.h>
@@ -25,7 +27,6 @@ public:
     std::string method;
     std::string path;
     httplib::Headers headers;
-    std::size_t bodySize = 0;
     int clientPort = 0;
   };
 
