@@ -25,7 +25,7 @@ public:
   // The host name in UTF-16, for RESOLVING_NAME.
   const std::u16string& HostName() const { return hostName; }
 
-  // Loop thread only: whether a request of this handle has resolved the name before.
+  // Under the libcurl lock: whether a request of this handle has resolved the name before.
   bool resolved = false;
 
 private:

@@ -10,6 +10,7 @@ namespace {
 // Reply bytes held for the next read before libcurl is paused; with one libcurl buffer on top,
 // this bounds what the layer keeps of a reply.
 constexpr std::size_t replyQueueLimit = 1024 * 1024;
+constexpr std::chrono::microseconds receivingReportDelay(2000);
 
 // The object name as it goes into the request line: with a leading "/", and with spaces and
 // bytes outside printable ASCII percent-encoded.
@@ -95,11 +96,55 @@ DWORD RequestHandle::Write(const void* data, DWORD size, DWORD* written) {
     lentSize = size;
     lentTaken = 0;
     lentWritten = written;
-    // libcurl takes the bytes at its next call for data; only a paused upload needs waking.
-    if (next == &RequestHandle::ResumeUpload && !uploadPaused) return ERROR_IO_PENDING;
+    if (next == &RequestHandle::ResumeUpload) {
+      // From a status callback the libcurl lock is taken already: the loop does the work.
+      if (Session::HoldingCurl()) {
+        if (!uploadPaused) return ERROR_IO_PENDING; // libcurl asks for the bytes by itself
+        next = &RequestHandle::ResumeUpload;
+      } else {
+        next = nullptr;
+      }
+    }
   }
+  if (!next) return DriveUpload();
   PostSelf(next);
   return ERROR_IO_PENDING;
+}
+
+bool RequestHandle::Pending(Op which) {
+  std::lock_guard<std::mutex> guard(GetSession().Lock());
+  return op == which;
+}
+
+DWORD RequestHandle::DriveUpload() {
+  DWORD taken = 0;
+  {
+    Session::CurlGuard guard(GetSession());
+    bool paused = false;
+    {
+      std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
+      // Taken by the loop meanwhile: it reports the completion.
+      if (op != Op::Write || !transfer) return ERROR_IO_PENDING;
+      paused = uploadPaused;
+      uploadPaused = false;
+      uploadByCaller = true;
+    }
+    if (paused) {
+      transfer->ResumeUpload();
+      GetSession().RunDue();
+    }
+    // libcurl may be waiting for its socket to turn writable before it asks for data; if the
+    // socket is full, it takes nothing and waits on.
+    if (!paused || Pending(Op::Write)) transfer->SendNow();
+    std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
+    uploadByCaller = false;
+    if (op == Op::Write) return ERROR_IO_PENDING; // the rest goes when the socket takes it
+    taken = lentSize;
+  }
+  // Done inside the call, as WinInet's own writes are.
+  Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
+  Notify(INTERNET_STATUS_REQUEST_SENT, &taken, sizeof taken);
+  return 0;
 }
 
 DWORD RequestHandle::End() {
@@ -117,6 +162,13 @@ DWORD RequestHandle::End() {
     }
     op = Op::End;
     stage = Stage::Ending;
+  }
+  if (next == &RequestHandle::BeginEnd) {
+    // The loop wakes for the reply soon; RECEIVING_RESPONSE can wait for that wake-up (a
+    // couple of milliseconds at most).
+    auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());
+    GetSession().PostWithin([self] { self->BeginEnd(); }, receivingReportDelay);
+    return ERROR_IO_PENDING;
   }
   PostSelf(next);
   return ERROR_IO_PENDING;
@@ -251,6 +303,7 @@ Transfer::Plan RequestHandle::MakePlan() {
 void RequestHandle::ResumeUpload() {
   {
     std::lock_guard<std::mutex> guard(GetSession().Lock());
+    if (!uploadPaused) return;
     uploadPaused = false;
   }
   if (transfer) transfer->ResumeUpload();
@@ -319,8 +372,23 @@ void RequestHandle::DropTransfer() { transfer.reset(); }
 
 // ---- transfer events (loop thread) ----
 
+void RequestHandle::OnLoop(void (RequestHandle::*report)()) {
+  auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());
+  GetSession().AfterPerform([self, report] { ((*self).*report)(); });
+}
+
 void RequestHandle::SocketOpening(const std::string& address) {
   peerAddress = address;
+  // A caller handing over data may meet a reconnect; its reports still come from the loop.
+  if (!GetSession().OnLoopThread()) {
+    OnLoop(&RequestHandle::ReportSocketOpening);
+    return;
+  }
+  ReportSocketOpening();
+}
+
+void RequestHandle::ReportSocketOpening() {
+  const std::string& address = peerAddress;
   DWORD length = static_cast<DWORD>(address.size() + 1);
   if (!connection->resolved) {
     connection->resolved = true;
@@ -331,41 +399,88 @@ void RequestHandle::SocketOpening(const std::string& address) {
 }
 
 void RequestHandle::Connected() {
+  if (!GetSession().OnLoopThread()) {
+    OnLoop(&RequestHandle::Connected);
+    return;
+  }
   if (!freshConnection) return;
   freshConnection = false;
   Notify(INTERNET_STATUS_CONNECTED_TO_SERVER, peerAddress.c_str(), static_cast<DWORD>(peerAddress.size() + 1));
 }
 
 void RequestHandle::RequestReady() {
+  if (!GetSession().OnLoopThread()) {
+    OnLoop(&RequestHandle::RequestReady);
+    return;
+  }
   Connected();
   // libcurl may go on to a fresh connection when a pooled one turns out dead before anything
   // was sent: that is silent, as it is in WinInet.
   if (requestSent) return;
   requestSent = true;
-  Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
-  DWORD bytes = headBytes;
-  Notify(INTERNET_STATUS_REQUEST_SENT, &bytes, sizeof bytes);
-  Complete(1, 0, [this] {
-    if (op != Op::Send) return;
-    op = Op::None;
-    stage = Stage::Body;
+  // With a body to come, the send completes when libcurl has sent the head and asks for the
+  // body: the upload is paused then, and the first write hands its bytes over at once.
+  bool bodyFollows = false;
+  {
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    bodyFollows = total > 0;
+  }
+  if (!bodyFollows) CompleteSend();
+}
+
+void RequestHandle::CompleteSend() {
+  {
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    if (op != Op::Send || sendReported) return;
+    sendReported = true;
+  }
+  auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());
+  GetSession().AfterUnlock([self, bytes = headBytes] {
+    if (!self->Pending(Op::Send)) return; // failed or cancelled meanwhile
+    self->Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
+    self->Notify(INTERNET_STATUS_REQUEST_SENT, &bytes, sizeof bytes);
+    self->Complete(1, 0, [&self] {
+      if (self->op != Op::Send) return;
+      self->op = Op::None;
+      self->stage = Stage::Body;
+    });
   });
 }
 
 std::size_t RequestHandle::Upload(char* buffer, std::size_t size) {
   std::size_t taken = 0;
   DWORD finished = 0;
+  bool sendCompletes = false;
   {
     std::lock_guard<std::mutex> guard(GetSession().Lock());
     if (IsClosed()) return CURL_READFUNC_ABORT;
     if (op != Op::Write || lentTaken == lentSize) {
       uploadPaused = true;
-      return CURL_READFUNC_PAUSE;
+      sendCompletes = op == Op::Send && requestSent;
     }
+  }
+  if (sendCompletes) {
+    // The head is out and libcurl wants the body (see RequestReady); reported from the loop.
+    if (GetSession().OnLoopThread()) {
+      CompleteSend();
+    } else {
+      OnLoop(&RequestHandle::CompleteSend);
+    }
+  }
+  {
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    if (uploadPaused) return CURL_READFUNC_PAUSE;
     taken = std::min<std::size_t>(size, lentSize - lentTaken);
     std::memcpy(buffer, lentData + lentTaken, taken);
     lentTaken += static_cast<DWORD>(taken);
     if (lentTaken == lentSize) finished = lentSize;
+    // Handed over by the writer itself: its call returns TRUE and reports.
+    if (finished && uploadByCaller) {
+      *lentWritten = finished;
+      op = Op::None;
+      lentData = nullptr;
+      return taken;
+    }
   }
   if (finished) {
     Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
@@ -395,6 +510,8 @@ void RequestHandle::HeaderLine(std::string_view line) {
     interimResponse = false;
     return;
   }
+  // A server may answer before it has the body; libcurl then asks for none.
+  CompleteSend();
   bool ready = false;
   {
     std::lock_guard<std::mutex> guard(GetSession().Lock());
@@ -434,14 +551,18 @@ std::size_t RequestHandle::Body(const char* data, std::size_t size) {
 void RequestHandle::CompleteEnd() {
   {
     std::lock_guard<std::mutex> guard(GetSession().Lock());
-    if (op != Op::End) return;
+    if (op != Op::End || endReported) return;
+    endReported = true;
   }
-  DWORD size = statusLineSize;
-  Notify(INTERNET_STATUS_RESPONSE_RECEIVED, &size, sizeof size);
-  Complete(1, 0, [this] {
-    if (op != Op::End) return;
-    op = Op::None;
-    stage = Stage::Reply;
+  auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());
+  GetSession().AfterUnlock([self, size = statusLineSize] {
+    if (!self->Pending(Op::End)) return; // failed or cancelled meanwhile
+    self->Notify(INTERNET_STATUS_RESPONSE_RECEIVED, &size, sizeof size);
+    self->Complete(1, 0, [&self] {
+      if (self->op != Op::End) return;
+      self->op = Op::None;
+      self->stage = Stage::Reply;
+    });
   });
 }
 
@@ -501,6 +622,8 @@ void RequestHandle::TransferDone(CURLcode code) {
   }
   if (current == Op::Read) {
     CompleteRead();
+  } else if (current == Op::Send) {
+    CompleteSend();
   } else if (current == Op::Write) {
     // The server answered before taking the whole body: the rest has nowhere to go.
     Complete(1, 0, [this] {

@@ -1,9 +1,11 @@
 // The handle of HttpOpenRequestA: one HTTP request, streamed both ways.
 //
-// The entry points run on the caller's thread and only change state under the session lock;
-// whatever touches libcurl is posted to the loop thread (the Transfer), which reports progress
-// and completions through the status callback. Buffers lent by a pending call are touched only
-// under the session lock and never after the handle has been closed.
+// The entry points run on the caller's thread and change state under the session lock; what
+// touches libcurl (the Transfer) runs under the libcurl lock, normally posted to the loop thread,
+// which reports progress and completions through the status callback. A write hands its bytes to
+// libcurl itself when libcurl is waiting for them: it returns TRUE when libcurl took them all,
+// and pends otherwise. Buffers lent by a pending call are touched only under the session lock
+// and never after the handle has been closed.
 #pragma once
 
 #include "ByteQueue.h"
@@ -37,6 +39,8 @@ public:
   void TransferDone(CURLcode code);
   // Loop thread: the session is shutting down; forget the transfer without reporting.
   void DropTransfer();
+  // Lets the loop thread deliver reports of an event that libcurl raised on a caller's thread.
+  void OnLoop(void (RequestHandle::*report)());
 
 protected:
   bool Busy() const override;
@@ -49,6 +53,10 @@ private:
   enum class Stage { Fresh, Connecting, Body, Ending, Reply };
   enum class Op { None, Send, Write, End, Read };
 
+  // Hands lent bytes to libcurl on the calling thread. 0 when it took them all.
+  DWORD DriveUpload();
+  bool Pending(Op which);
+
   // Posted commands (loop thread).
   void Begin();
   void ResumeUpload();
@@ -58,14 +66,16 @@ private:
   void Cancel();
   void Dispose();
 
-  // Events of the transfer (loop thread).
+  // Events of the transfer (under the libcurl lock, on any thread).
   void SocketOpening(const std::string& address);
+  void ReportSocketOpening();
   void Connected();
   void RequestReady();
   std::size_t Upload(char* buffer, std::size_t size);
   void HeaderLine(std::string_view line);
   std::size_t Body(const char* data, std::size_t size);
 
+  void CompleteSend();
   void CompleteEnd();
   void CompleteRead();
   void Fail(DWORD error);
@@ -95,12 +105,15 @@ private:
   DWORD readCount = 0;
   ByteQueue replyBytes;
   bool uploadPaused = false;
+  bool uploadByCaller = false;
   bool transferRunning = false;
   bool replyPaused = false;
   bool replyDone = false;
   bool headersDone = false;
+  bool sendReported = false;
+  bool endReported = false;
 
-  // Loop thread only.
+  // Under the libcurl lock.
   std::unique_ptr<Transfer> transfer;
   std::string peerAddress;
   bool freshConnection = false;

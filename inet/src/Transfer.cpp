@@ -109,6 +109,13 @@ void Transfer::ResumeUpload() { SetPause(CURLPAUSE_SEND, false); }
 
 void Transfer::ResumeReply() { SetPause(CURLPAUSE_RECV, false); }
 
+void Transfer::SendNow() {
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  if (!attached || curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK || socket == CURL_SOCKET_BAD)
+    return;
+  session.Act(socket, CURL_CSELECT_OUT);
+}
+
 void Transfer::SetPause(int direction, bool paused) {
   int mask = paused ? (pauseMask | direction) : (pauseMask & ~direction);
   if (mask == pauseMask) return;

@@ -1,6 +1,6 @@
-// One libcurl easy handle carrying a request on the loop thread. It sets the handle up from a
-// plan, adds it to the session's multi handle, and turns libcurl's callbacks into the events of
-// its RequestHandle. Loop thread only.
+// One libcurl easy handle carrying a request. It sets the handle up from a plan, adds it to the
+// session's multi handle, and turns libcurl's callbacks into the events of its RequestHandle.
+// Used under the session's libcurl lock only.
 #pragma once
 
 #include <qorinet/wininet.h>
@@ -42,6 +42,8 @@ public:
   bool Start(const Plan& plan, std::shared_ptr<RequestHandle> owner);
   // Lets libcurl go on reading the body (upload) or the reply after one of our callbacks paused it.
   void ResumeUpload();
+  // Has libcurl try to send now, as if its socket had turned writable (it copes if not).
+  void SendNow();
   void ResumeReply();
   // Takes the easy handle out of the multi handle; no callback comes after this.
   void Detach();
