@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include <poll.h>
+
 namespace QOR::inet {
 
 namespace {
@@ -11,6 +13,9 @@ namespace {
 // this bounds what the layer keeps of a reply.
 constexpr std::size_t replyQueueLimit = 1024 * 1024;
 constexpr std::chrono::microseconds receivingReportDelay(2000);
+// How often and how long a writer waits for a full socket before its write pends.
+constexpr int socketFullRounds = 4;
+constexpr std::chrono::milliseconds socketFullWait(1);
 
 // The object name as it goes into the request line: with a leading "/", and with spaces and
 // bytes outside printable ASCII percent-encoded.
@@ -117,34 +122,51 @@ bool RequestHandle::Pending(Op which) {
 }
 
 DWORD RequestHandle::DriveUpload() {
-  DWORD taken = 0;
-  {
-    Session::CurlGuard guard(GetSession());
-    bool paused = false;
-    {
-      std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
-      // Taken by the loop meanwhile: it reports the completion.
-      if (op != Op::Write || !transfer) return ERROR_IO_PENDING;
-      paused = uploadPaused;
-      uploadPaused = false;
-      uploadByCaller = true;
+  // A socket that is full for a moment is worth a short wait (outside the libcurl lock): a
+  // pending write costs two thread hand-offs. After that the write pends and the loop goes on.
+  for (int round = 0;; ++round) {
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    switch (HandOver(socket)) {
+    case HandOverResult::Taken: {
+      // Done inside the call, as WinInet's own writes are.
+      DWORD taken = lentSize;
+      Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
+      Notify(INTERNET_STATUS_REQUEST_SENT, &taken, sizeof taken);
+      return 0;
     }
-    if (paused) {
-      transfer->ResumeUpload();
-      GetSession().RunDue();
+    case HandOverResult::LoopsBusiness:
+      return ERROR_IO_PENDING;
+    case HandOverResult::SocketFull:
+      break;
     }
-    // libcurl may be waiting for its socket to turn writable before it asks for data; if the
-    // socket is full, it takes nothing and waits on.
-    if (!paused || Pending(Op::Write)) transfer->SendNow();
-    std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
-    uploadByCaller = false;
-    if (op == Op::Write) return ERROR_IO_PENDING; // the rest goes when the socket takes it
-    taken = lentSize;
+    if (round == socketFullRounds || socket == CURL_SOCKET_BAD) return ERROR_IO_PENDING;
+    pollfd writable{socket, POLLOUT, 0};
+    ::poll(&writable, 1, static_cast<int>(socketFullWait.count()));
   }
-  // Done inside the call, as WinInet's own writes are.
-  Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
-  Notify(INTERNET_STATUS_REQUEST_SENT, &taken, sizeof taken);
-  return 0;
+}
+
+RequestHandle::HandOverResult RequestHandle::HandOver(curl_socket_t& socket) {
+  Session::CurlGuard guard(GetSession());
+  bool paused = false;
+  {
+    std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
+    // Taken by the loop meanwhile, or closed: the loop reports the completion.
+    if (op != Op::Write || !transfer || IsClosed()) return HandOverResult::LoopsBusiness;
+    paused = uploadPaused;
+    uploadPaused = false;
+    uploadByCaller = true;
+  }
+  if (paused) {
+    transfer->ResumeUpload();
+    GetSession().RunDue();
+  }
+  // libcurl may be waiting for its socket to turn writable before it asks for data; if the
+  // socket is full, it takes nothing and waits on.
+  if (!paused || Pending(Op::Write)) transfer->SendNow();
+  socket = transfer ? transfer->Socket() : CURL_SOCKET_BAD;
+  std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
+  uploadByCaller = false;
+  return op == Op::Write ? HandOverResult::SocketFull : HandOverResult::Taken;
 }
 
 DWORD RequestHandle::End() {

@@ -55,6 +55,8 @@ private:
 
   // Hands lent bytes to libcurl on the calling thread. 0 when it took them all.
   DWORD DriveUpload();
+  enum class HandOverResult { Taken, SocketFull, LoopsBusiness };
+  HandOverResult HandOver(curl_socket_t& socket);
   bool Pending(Op which);
 
   // Posted commands (loop thread).

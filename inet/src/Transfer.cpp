@@ -109,11 +109,15 @@ void Transfer::ResumeUpload() { SetPause(CURLPAUSE_SEND, false); }
 
 void Transfer::ResumeReply() { SetPause(CURLPAUSE_RECV, false); }
 
-void Transfer::SendNow() {
+curl_socket_t Transfer::Socket() const {
   curl_socket_t socket = CURL_SOCKET_BAD;
-  if (!attached || curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK || socket == CURL_SOCKET_BAD)
-    return;
-  session.Act(socket, CURL_CSELECT_OUT);
+  if (!attached || curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK) return CURL_SOCKET_BAD;
+  return socket;
+}
+
+void Transfer::SendNow() {
+  curl_socket_t socket = Socket();
+  if (socket != CURL_SOCKET_BAD) session.Act(socket, CURL_CSELECT_OUT);
 }
 
 void Transfer::SetPause(int direction, bool paused) {

@@ -44,6 +44,8 @@ public:
   void ResumeUpload();
   // Has libcurl try to send now, as if its socket had turned writable (it copes if not).
   void SendNow();
+  // The socket libcurl sends on, or CURL_SOCKET_BAD.
+  curl_socket_t Socket() const;
   void ResumeReply();
   // Takes the easy handle out of the multi handle; no callback comes after this.
   void Detach();
