@@ -1,6 +1,7 @@
 #include "RequestHandle.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 #include <poll.h>
@@ -105,7 +106,6 @@ DWORD RequestHandle::Write(const void* data, DWORD size, DWORD* written) {
       // From a status callback the libcurl lock is taken already: the loop does the work.
       if (Session::HoldingCurl()) {
         if (!uploadPaused) return ERROR_IO_PENDING; // libcurl asks for the bytes by itself
-        next = &RequestHandle::ResumeUpload;
       } else {
         next = nullptr;
       }
@@ -129,7 +129,11 @@ DWORD RequestHandle::DriveUpload() {
     switch (HandOver(socket)) {
     case HandOverResult::Taken: {
       // Done inside the call, as WinInet's own writes are.
-      DWORD taken = lentSize;
+      DWORD taken = 0;
+      {
+        std::lock_guard<std::mutex> guard(GetSession().Lock());
+        taken = lentSize;
+      }
       Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
       Notify(INTERNET_STATUS_REQUEST_SENT, &taken, sizeof taken);
       return 0;
@@ -392,7 +396,7 @@ void RequestHandle::Dispose() {
 
 void RequestHandle::DropTransfer() { transfer.reset(); }
 
-// ---- transfer events (loop thread) ----
+// ---- transfer events (under the libcurl lock) ----
 
 void RequestHandle::OnLoop(void (RequestHandle::*report)()) {
   auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());

@@ -39,8 +39,6 @@ public:
   void TransferDone(CURLcode code);
   // Loop thread: the session is shutting down; forget the transfer without reporting.
   void DropTransfer();
-  // Lets the loop thread deliver reports of an event that libcurl raised on a caller's thread.
-  void OnLoop(void (RequestHandle::*report)());
 
 protected:
   bool Busy() const override;
@@ -53,6 +51,8 @@ private:
   enum class Stage { Fresh, Connecting, Body, Ending, Reply };
   enum class Op { None, Send, Write, End, Read };
 
+  // Lets the loop thread deliver reports of an event that libcurl raised on a caller's thread.
+  void OnLoop(void (RequestHandle::*report)());
   // Hands lent bytes to libcurl on the calling thread. 0 when it took them all.
   DWORD DriveUpload();
   enum class HandOverResult { Taken, SocketFull, LoopsBusiness };

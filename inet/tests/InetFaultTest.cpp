@@ -179,6 +179,21 @@ TEST(InetFaultTest, FailureAfterTheBodyWasLentIsReportedNotResent) {
   EXPECT_EQ(heads[1].connection, 1);
 }
 
+TEST(InetFaultTest, ConnectTimeOutOptionEndsAConnectThatIsNeverAnswered) {
+  BlackHole hole;
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open());
+  DWORD timeout = 300;
+  ASSERT_TRUE(InternetSetOptionW(driver.Root(), INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout));
+  EXPECT_FALSE(InternetSetOptionW(driver.Root(), 6, &timeout, sizeof timeout));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INVALID_OPTION));
+  ASSERT_TRUE(driver.Connect(hole.HostPort()) && driver.OpenRequest("/late"));
+  auto start = std::chrono::steady_clock::now();
+  auto sent = driver.SendEx(1);
+  EXPECT_EQ(sent.error, static_cast<DWORD>(ERROR_INTERNET_TIMEOUT));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(3000));
+}
+
 TEST(InetFaultTest, ClosingTheRootEndsEverythingUnderIt) {
   RawServer server([](RawConnection& connection) {
     if (TakeRequest(connection)) connection.Hold(milliseconds(60000));

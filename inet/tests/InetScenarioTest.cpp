@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 
 namespace QOR::inettest {
 namespace {
@@ -23,7 +22,7 @@ protected:
   }
   static void TearDownTestSuite() {
     delete servers;
-    unsetenv("SSL_CERT_FILE");
+    ForgetTrustedCertificate();
   }
   static Lines Run(const std::string& name) { return CanonicalLines(RunScenario(name, servers->Config())); }
   static ScenarioServers* servers;

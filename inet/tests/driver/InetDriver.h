@@ -29,10 +29,10 @@ constexpr DWORD engineSecureFlags = 0x84C01000;
 // The engine's write chunk and read growth step.
 constexpr DWORD blockSize = 102400;
 
-// True in a Windows program running under Wine.
-bool RunningUnderWine();
 // Makes the CA trusted for the API under test (PEM for libqorinet, DER for Windows).
 bool TrustCertificate(const std::string& pemFile, const std::string& derFile);
+// Takes that trust back.
+void ForgetTrustedCertificate();
 
 class InetDriver {
 public:

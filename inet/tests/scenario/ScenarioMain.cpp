@@ -30,5 +30,6 @@ int main(int argc, char** argv) {
     for (const std::string& line : RunScenario(name, config)) std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   }
+  ForgetTrustedCertificate();
   return 0;
 }

@@ -4,11 +4,11 @@
 
 namespace QOR::inettest {
 
-bool RunningUnderWine() { return false; }
-
 // libqorinet verifies against the file in SSL_CERT_FILE.
 bool TrustCertificate(const std::string& pemFile, const std::string&) {
   return setenv("SSL_CERT_FILE", pemFile.c_str(), 1) == 0;
 }
+
+void ForgetTrustedCertificate() { unsetenv("SSL_CERT_FILE"); }
 
 } // namespace QOR::inettest
