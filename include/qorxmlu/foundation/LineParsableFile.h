@@ -27,6 +27,9 @@ public:
   int NextLine(String& line, ErrorInfo*& error, std::size_t maxLength = 0);
 
 private:
+  ErrorInfo* Refill();
+  void TakeEncoding();
+
   struct Reader;
   std::unique_ptr<Reader> reader;
 };

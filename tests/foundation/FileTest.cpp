@@ -1,0 +1,200 @@
+#include <qorxmlu/foundation/FormatableTextFile.h>
+#include <qorxmlu/foundation/LineParsableFile.h>
+#include <qorxmlu/foundation/ParsableText.h>
+#include <qorxmlu/foundation/ReadableFile.h>
+
+#include "support/TempDir.h"
+
+#include "support/StringPrinter.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+namespace QOR {
+namespace {
+
+std::vector<String> ReadLines(const String& path, std::size_t maxLength = 0, ErrorInfo** failure = nullptr) {
+  LineParsableFile file(path);
+  ErrorInfo* error = file.Open();
+  EXPECT_EQ(error, nullptr);
+  std::vector<String> lines;
+  String line;
+  while (file.NextLine(line, error, maxLength)) lines.push_back(line);
+  if (failure) *failure = error;
+  else EXPECT_EQ(error, nullptr);
+  return lines;
+}
+
+std::vector<String> SplitText(const String& text) {
+  ParsableText parser(text);
+  parser.lineMode = true;
+  std::vector<String> lines;
+  String line;
+  while (parser.GetNextElem(&line, 0)) lines.push_back(line);
+  return lines;
+}
+
+using Lines = std::vector<String>;
+
+TEST(LineReaderTest, FilesAndTextSplitAlikeForEveryLineEnd) {
+  test::TempDir dir;
+  struct Case {
+    std::string bytes;
+    Lines lines;
+  } cases[] = {
+      {"", {}},
+      {"a", {u"a"}},
+      {"a\n", {u"a"}},
+      {"a\r\nb", {u"a", u"b"}},
+      {"a\r\nb\r\n", {u"a", u"b"}},
+      {"a\n\nb\n", {u"a", u"", u"b"}},
+      {"\n", {u""}},
+      {"\r\n\r\n", {u"", u""}},
+      {"tab\there \r\n  x", {u"tab\there ", u"  x"}},
+      {"lone\rcr\n", {u"lone\rcr"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.bytes);
+    EXPECT_EQ(ReadLines(dir.Write("f.txt", c.bytes)), c.lines);
+    EXPECT_EQ(SplitText(String::FromUtf8(c.bytes)), c.lines);
+  }
+}
+
+TEST(LineReaderTest, TakesTheEncodingFromTheByteOrderMark) {
+  test::TempDir dir;
+  Lines expected{u"Grüße", u"😀"};
+  EXPECT_EQ(ReadLines(dir.Write("plain", "Gr\xC3\xBC\xC3\x9F" "e\r\n\xF0\x9F\x98\x80")), expected);
+  EXPECT_EQ(ReadLines(dir.Write("mark", "\xEF\xBB\xBFGr\xC3\xBC\xC3\x9F" "e\n\xF0\x9F\x98\x80\n")), expected);
+  std::string le = "\xFF\xFE", be = "\xFE\xFF";
+  for (char16_t unit : std::u16string(u"Grüße\r\n😀")) {
+    le += static_cast<char>(unit & 0xFF);
+    le += static_cast<char>(unit >> 8);
+    be += static_cast<char>(unit >> 8);
+    be += static_cast<char>(unit & 0xFF);
+  }
+  EXPECT_EQ(ReadLines(dir.Write("le", le)), expected);
+  EXPECT_EQ(ReadLines(dir.Write("be", be)), expected);
+  EXPECT_EQ(ReadLines(dir.Write("bad", "ok\n\xC3\n")), (Lines{u"ok", u"\uFFFD"}));
+}
+
+TEST(LineReaderTest, LinesLongerThanTheReadBlockAndTheLimit) {
+  test::TempDir dir;
+  std::string longLine(700000, 'x');
+  Lines lines = ReadLines(dir.Write("long", "a\n" + longLine + "\r\nb"));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[1].Len(), longLine.size());
+  EXPECT_EQ(lines[2], String(u"b"));
+
+  ErrorInfo* error = nullptr;
+  lines = ReadLines(dir.File("long"), 1000, &error);
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(error->Text().Find(u"Line too long"), -1);
+  EXPECT_EQ(lines, (Lines{u"a"}));
+  delete error;
+}
+
+TEST(FileTest, MissingFileNamesPathAndReason) {
+  test::TempDir dir;
+  String path = dir.File("absent.txt");
+  ReadableFile file(path);
+  std::unique_ptr<ErrorInfo> error(file.Open());
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(error->Text().Find(path), -1);
+  EXPECT_NE(error->Text().Find(u"': "), -1); // the system's reason follows
+  LineParsableFile lines(path);
+  std::unique_ptr<ErrorInfo> lineError(lines.Open());
+  EXPECT_NE(lineError, nullptr);
+}
+
+TEST(FileTest, ReadsExactlyOrReportsTheShortRead) {
+  test::TempDir dir;
+  ReadableFile file(dir.Write("data", std::string("\0\x01\x02\x03", 4)));
+  ASSERT_EQ(file.Open(), nullptr);
+  EXPECT_EQ(file.GetFileSize(), 4u);
+  char buffer[8] = {};
+  ASSERT_EQ(file.ReadFile(buffer, 2), nullptr);
+  EXPECT_EQ(buffer[1], 1);
+  std::unique_ptr<ErrorInfo> shortRead(file.ReadFile(buffer, 4));
+  ASSERT_NE(shortRead, nullptr);
+  EXPECT_NE(shortRead->Text().Find(u"Unexpected end of file"), -1);
+  std::size_t got = 99;
+  EXPECT_EQ(file.ReadFile(buffer, 4, &got), nullptr);
+  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(file.Close(), nullptr);
+}
+
+TEST(FileTest, FormatableTextFileWritesMarkOnlyAtTheStart) {
+  test::TempDir dir;
+  String path = dir.File("out.txt");
+  {
+    FormatableTextFile file(path);
+    ASSERT_EQ(file.Open(false), nullptr);
+    file.text << u"Grüße" << newline;
+    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8), nullptr);
+    EXPECT_TRUE(file.text.IsEmpty());
+    file.text << u"2" << newline;
+    ASSERT_EQ(file.FlushFile(true, BaseFile::UTF8), nullptr);
+    ASSERT_EQ(file.Close(), nullptr);
+  }
+  EXPECT_EQ(dir.Read("out.txt"), "Gr\xC3\xBC\xC3\x9F" "e\r\n2\r\n");
+  {
+    FormatableTextFile file(path);
+    ASSERT_EQ(file.Open(true), nullptr);
+    file.text << u"3";
+    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8WithMark), nullptr); // not at the start: no mark
+  }
+  EXPECT_EQ(dir.Read("out.txt"), "Gr\xC3\xBC\xC3\x9F" "e\r\n2\r\n3");
+  {
+    FormatableTextFile file(path);
+    ASSERT_EQ(file.Open(false), nullptr); // starts anew
+    file.text << u"é";
+    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8WithMark), nullptr);
+  }
+  EXPECT_EQ(dir.Read("out.txt"), "\xEF\xBB\xBF\xC3\xA9");
+  {
+    FormatableTextFile file(path);
+    ASSERT_EQ(file.Open(false), nullptr);
+    file.text << u"a😀";
+    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF16LE), nullptr);
+  }
+  EXPECT_EQ(dir.Read("out.txt"), std::string("\xFF\xFE" "a\0\x3D\xD8\x00\xDE", 8));
+}
+
+TEST(FileTest, LargeTextIsWrittenWhole) {
+  test::TempDir dir;
+  FormatableTextFile file(dir.File("big.txt"));
+  ASSERT_EQ(file.Open(false), nullptr);
+  std::u16string units;
+  for (int i = 0; i < 100000; ++i) units += u"ab😀"; // pairs cross every chunk boundary
+  file.text = String(units);
+  ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8), nullptr);
+  ASSERT_EQ(file.Close(), nullptr);
+  EXPECT_EQ(String::FromUtf8(dir.Read("big.txt")), String(units));
+}
+
+TEST(FileTest, WritingWhereNoFileCanBeGivesAnError) {
+  test::TempDir dir;
+  FormatableTextFile file(dir.File("no/such/folder/out.txt"));
+  std::unique_ptr<ErrorInfo> error(file.Open(false));
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(error->Text().Find(u"out.txt"), -1);
+  std::unique_ptr<ErrorInfo> flush(file.FlushFile(false, BaseFile::UTF8));
+  EXPECT_NE(flush, nullptr);
+}
+
+TEST(ParsableTextTest, WordsAndSeparators) {
+  ParsableText words(String(u"  one\ttwo \r\n three "));
+  String word;
+  Lines found;
+  while (words.GetNextElem(&word)) found.push_back(word);
+  EXPECT_EQ(found, (Lines{u"one", u"two", u"three"}));
+  ParsableText fields(String(u"a,,b"));
+  found.clear();
+  while (fields.GetNextElem(&word, u',')) found.push_back(word);
+  EXPECT_EQ(found, (Lines{u"a", u"", u"b"}));
+}
+
+} // namespace
+} // namespace QOR

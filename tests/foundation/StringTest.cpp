@@ -1,0 +1,143 @@
+#include <qorxmlu/foundation/ErrorInfo.h>
+#include <qorxmlu/foundation/String.h>
+
+#include "support/StringPrinter.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+
+namespace QOR {
+namespace {
+
+TEST(StringTest, ConstructsFromEveryHostForm) {
+  EXPECT_EQ(String(u"abc").Len(), 3u);
+  EXPECT_EQ(String(L"abc"), String(u"abc"));
+  EXPECT_EQ(String(L"\U0001F600").Len(), 2u); // one code point outside the BMP is a surrogate pair
+  EXPECT_TRUE(String(static_cast<const char16_t*>(nullptr)).IsEmpty());
+  EXPECT_TRUE(String(static_cast<const wchar_t*>(nullptr)).IsEmpty());
+  String fromUtf8 = String::FromUtf8("Gr\xC3\xBC\xC3\x9F" "e \xF0\x9F\x98\x80");
+  EXPECT_EQ(fromUtf8, String(u"Grüße 😀"));
+  EXPECT_EQ(fromUtf8.ToUtf8(), "Gr\xC3\xBC\xC3\x9F" "e \xF0\x9F\x98\x80");
+  EXPECT_EQ(String(u"x\U0001F600").ToWide(), std::wstring(L"x\U0001F600"));
+}
+
+TEST(StringTest, SubstringsAndSearch) {
+  String text(u"<tag attr=\"1\">value</tag>");
+  EXPECT_EQ(text.Find(u"<"), 0);
+  EXPECT_EQ(text.Find(u"</"), 19);
+  EXPECT_EQ(text.Find(u"<", 1), 19);
+  EXPECT_EQ(text.Find(u"missing"), -1);
+  EXPECT_EQ(text.Find(u"", 3), 3);
+  EXPECT_EQ(text.Find(u"x", 1000), -1);
+  EXPECT_EQ(text.Left(4), String(u"<tag"));
+  EXPECT_EQ(text.Left(1000), text);
+  EXPECT_EQ(text.Mid(14, 5), String(u"value"));
+  EXPECT_EQ(text.Mid(19), String(u"</tag>"));
+  EXPECT_TRUE(text.Mid(1000).IsEmpty());
+}
+
+TEST(StringTest, TrimsBlanksInPlace) {
+  String both(u" \t a b \r\n");
+  both.TrimAll();
+  EXPECT_EQ(both, String(u"a b"));
+  String left(u"  a b  ");
+  left.TrimLeft();
+  EXPECT_EQ(left, String(u"a b  "));
+  String blanks(u" \t ");
+  blanks.TrimAll();
+  EXPECT_TRUE(blanks.IsEmpty());
+}
+
+TEST(StringTest, AppendsNumbersAndLineEnds) {
+  String text;
+  text << u"n=" << -42 << u" u=" << 4000000000u << u" l=" << LONG_MIN << newline;
+  EXPECT_EQ(text, String(u"n=-42 u=4000000000 l=") + String::FromUtf8(std::to_string(LONG_MIN)) + u"\r\n");
+}
+
+TEST(StringTest, FormatsDoublesWithManipulatorsForOneNumberOnly) {
+  auto shown = [](double number) {
+    String text;
+    text << trunczero << whole(1) << dec(15) << number;
+    return text;
+  };
+  EXPECT_EQ(shown(2.5), String(u"2.5"));
+  EXPECT_EQ(shown(3.0), String(u"3"));
+  EXPECT_EQ(shown(0.1), String(u"0.1"));
+  EXPECT_EQ(shown(-0.25), String(u"-0.25"));
+  EXPECT_EQ(shown(1234567.125), String(u"1234567.125"));
+  String two;
+  two << dec(2) << 1.0 << u" " << 1.5;
+  EXPECT_EQ(two, String(u"1.00 1.5")); // the format applied to the first number only
+  String padded;
+  padded << whole(3) << dec(1) << 7.25;
+  EXPECT_EQ(padded, String(u"007.2"));
+}
+
+TEST(StringTest, ConvertsNumbersAndLeavesTargetOnBadText) {
+  int i = 7;
+  String(u"  -12xyz") >> i;
+  EXPECT_EQ(i, -12);
+  String(u"abc") >> i;
+  EXPECT_EQ(i, -12);
+  String(u"") >> i;
+  EXPECT_EQ(i, -12);
+  String(u"99999999999") >> i; // out of range
+  EXPECT_EQ(i, -12);
+  unsigned u = 5;
+  String(u"-1") >> u;
+  EXPECT_EQ(u, 5u);
+  String(u"+17") >> u;
+  EXPECT_EQ(u, 17u);
+  long l = 0;
+  String(u"2147483647") >> l;
+  EXPECT_EQ(l, 2147483647L);
+  double d = 0;
+  String(u" 2.5e3 ") >> d;
+  EXPECT_EQ(d, 2500.0);
+  String(u"-.5") >> d;
+  EXPECT_EQ(d, -0.5);
+  String(u"e5") >> d;
+  EXPECT_EQ(d, -0.5);
+}
+
+TEST(StringTest, ComparesExactly) {
+  EXPECT_EQ(String(u"yes"), String(u"yes"));
+  EXPECT_NE(String(u"yes"), String(u"Yes"));
+  EXPECT_TRUE(String(u"yes") == u"yes");
+  EXPECT_LT(String(u"a"), String(u"b"));
+  EXPECT_TRUE(GetEmptyString().IsEmpty());
+}
+
+TEST(ErrorInfoTest, MakesAndJoinsRecords) {
+  ErrorInfo* plain = MakeError(String(u"Empty XML data"));
+  EXPECT_EQ(plain->Text(), String(u"Empty XML data"));
+  EXPECT_EQ(plain->Next(), nullptr);
+  ErrorInfo* prefixed = MakeError(String(u"Can't connect: "), String(u"refused"));
+  EXPECT_EQ(prefixed->Text(), String(u"Can't connect: refused"));
+  ErrorInfo* numbered = MakeError(String(u"Soap error: "), 5);
+  EXPECT_EQ(numbered->Text(), String(u"Soap error: 5"));
+
+  EXPECT_EQ(SafeConcat(nullptr, nullptr), nullptr);
+  ErrorInfo* chain = SafeConcat(plain, SafeConcat(nullptr, prefixed));
+  chain = SafeConcat(chain, numbered);
+  ASSERT_EQ(chain, plain);
+  ASSERT_EQ(chain->Next(), prefixed);
+  ASSERT_EQ(chain->Next()->Next(), numbered);
+  EXPECT_EQ(chain->FullText(), String(u"Empty XML data; Can't connect: refused; Soap error: 5"));
+  delete chain; // the whole chain goes; ASan checks nothing is left
+}
+
+TEST(ErrorInfoTest, LongChainIsDeletedWithoutRecursion) {
+  ErrorInfo* chain = MakeError(String(u"0"));
+  ErrorInfo* last = chain;
+  for (int i = 1; i < 200000; ++i) {
+    ErrorInfo* next = MakeError(String(u"n"));
+    SafeConcat(last, next);
+    last = next;
+  }
+  delete chain;
+}
+
+} // namespace
+} // namespace QOR

@@ -1,0 +1,72 @@
+#include <qorxmlu/foundation/Utility.h>
+
+#include "support/StringPrinter.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+namespace QOR {
+namespace {
+
+std::string Narrow(const char16_t* text, unsigned codePage, unsigned* usedDefault = nullptr) {
+  std::unique_ptr<char[]> bytes(ConvertToMultibyte(text, codePage, usedDefault));
+  return bytes ? std::string(bytes.get()) : std::string("<null>");
+}
+
+String Wide(const char* text, unsigned codePage) {
+  std::unique_ptr<char16_t[]> units(ConvertFromMultibyte(text, codePage, nullptr));
+  return units ? String(units.get()) : String(u"<null>");
+}
+
+TEST(UtilityTest, ConvertsBetweenCodePages) {
+  EXPECT_EQ(Narrow(u"/path?x=é", 65001), "/path?x=\xC3\xA9");
+  EXPECT_EQ(Narrow(u"POST", 0), "POST");
+  unsigned usedDefault = 0;
+  EXPECT_EQ(Narrow(u"é€", 28591, &usedDefault), "\xE9?");
+  EXPECT_EQ(usedDefault, 1u);
+  EXPECT_EQ(Narrow(u"é€", 1252, &usedDefault), "\xE9\x80");
+  EXPECT_EQ(usedDefault, 0u);
+  EXPECT_EQ(Narrow(u"é", 20127), "?");
+  EXPECT_EQ(ConvertToMultibyte(static_cast<const char16_t*>(nullptr), 0, nullptr), nullptr);
+
+  EXPECT_EQ(Wide("Gr\xC3\xBC\xC3\x9F" "e", 65001), String(u"Grüße"));
+  EXPECT_EQ(Wide("\xE9\x80", 1252), String(u"é€"));
+  EXPECT_EQ(Wide("\xE9\x80", 28591), String(u"é\u0080"));
+  EXPECT_EQ(ConvertFromMultibyte(nullptr, 65001, nullptr), nullptr);
+}
+
+TEST(UtilityTest, RemovesLeadingFolders) {
+  EXPECT_EQ(RemoveLeadPath(String(u"/tmp/upload/data.bin")), String(u"data.bin"));
+  EXPECT_EQ(RemoveLeadPath(String(u"C:\\Users\\me\\trace.txt")), String(u"trace.txt"));
+  EXPECT_EQ(RemoveLeadPath(String(u"plain.txt")), String(u"plain.txt"));
+  EXPECT_EQ(RemoveLeadPath(String(u"folder/")), String());
+}
+
+std::string logged;
+void Capture(const ErrorInfo& error) { logged += error.FullText().ToUtf8() + "|"; }
+
+TEST(UtilityTest, LogAndResetErrorHandsTheChainToTheSink) {
+  SetErrorSink(&Capture);
+  logged.clear();
+  ErrorInfo* error = SafeConcat(MakeError(String(u"first")), MakeError(String(u"second")));
+  LogAndResetError(error);
+  EXPECT_EQ(error, nullptr);
+  LogAndResetError(error); // null does nothing
+  SetErrorSink(nullptr);
+  EXPECT_EQ(logged, "first; second|");
+}
+
+TEST(UtilityTest, SystemErrorTexts) {
+  SetLastError(6);
+  EXPECT_EQ(GetLastError(), 6u);
+  EXPECT_FALSE(GetSystemErrMsge().IsEmpty());
+  EXPECT_EQ(GetSystemErrMsge(), GetSystemErrMsge(6));
+  String text = GetSystemErrMsge(2);
+  EXPECT_NE(text.Len(), 0u);
+  EXPECT_NE(text[text.Len() - 1], u'\n');
+}
+
+} // namespace
+} // namespace QOR
