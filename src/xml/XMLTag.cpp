@@ -36,6 +36,7 @@ void XMLTag::DestroyNestedTags() noexcept {
     XMLTag* up = current->parent;
     delete current;
     up->nestedTags.Truncate(up->nestedTags.Size() - 1);
+    current = up;
   }
   nestedTags.Truncate(0);
 }
