@@ -110,6 +110,54 @@ private:
   bool threw = false;
 };
 
+// Where the characters that steer the reading stand in a line, found in one pass. Blanks at the
+// ends of a line never hold them, so the positions serve the trimmed line too.
+struct LineMarks {
+  std::size_t firstOpen = none;    // "<"
+  std::size_t firstEndOpen = none; // "</"
+  std::size_t firstClose = none;   // ">"
+  bool emptyTagEnd = false;        // "/>" somewhere
+  bool comment = false;            // "!--" somewhere
+
+  explicit LineMarks(View line) {
+    const char16_t* text = line.data();
+    const std::size_t length = line.size();
+    for (std::size_t i = 0; i < length; ++i) {
+      const char16_t c = text[i];
+      if (c > u'>') continue; // letters and all non-ASCII text
+      if (c == u'<') {
+        if (firstOpen == none) firstOpen = i;
+        if (firstEndOpen == none && i + 1 < length && text[i + 1] == u'/') firstEndOpen = i;
+      } else if (c == u'>') {
+        if (firstClose == none) firstClose = i;
+        if (i > 0 && text[i - 1] == u'/') emptyTagEnd = true;
+      } else if (c == u'!' && i + 2 < length && text[i + 1] == u'-' && text[i + 2] == u'-') {
+        comment = true;
+        return;
+      }
+    }
+  }
+  LineMarks() = default;
+};
+
+// Whether "</", name and ">" stand in the line; from is the first "</" of the line.
+bool ContainsEndTag(View line, std::size_t from, View name) {
+  for (std::size_t at = from; at != none; at = line.find(u"</", at + 2)) {
+    const std::size_t close = at + 2 + name.size();
+    if (close < line.size() && line[close] == u'>' && line.compare(at + 2, name.size(), name) == 0) return true;
+  }
+  return false;
+}
+
+struct Line {
+  String text;
+  LineMarks marks;
+
+  bool HasEndTag(View name) const {
+    return marks.firstEndOpen != none && ContainsEndTag(text.View(), marks.firstEndOpen, name);
+  }
+};
+
 // The document's lines without empty and comment lines, read one ahead of the current one.
 class DocumentLines {
 public:
@@ -123,7 +171,7 @@ public:
     std::swap(current, next);
     return true;
   }
-  const String& Current() const { return current; }
+  const Line& Current() const { return current; }
   // Whether a line follows the current one.
   bool HasNext() {
     if (!nextKnown) {
@@ -133,19 +181,21 @@ public:
     return hasNext;
   }
   // The line after the current one; HasNext() must have said there is one.
-  const String& Next() const { return next; }
+  const Line& Next() const { return next; }
 
 private:
-  bool Fetch(String& line) {
-    while (source.Next(line)) {
-      if (!line.IsEmpty() && !Contains(line.View(), u"!--")) return true;
+  bool Fetch(Line& line) {
+    while (source.Next(line.text)) {
+      if (line.text.IsEmpty()) continue;
+      line.marks = LineMarks(line.text.View());
+      if (!line.marks.comment) return true;
     }
     return false;
   }
 
   LineSource& source;
-  String current;
-  String next;
+  Line current;
+  Line next;
   bool nextKnown = false;
   bool hasNext = false;
 };
@@ -172,7 +222,7 @@ ErrorInfo* ScanAttributes(XMLTag& tag, View inner, std::size_t start) {
       openQuote = c;
       valueStart = i + 1;
     } else if (openQuote != 0 && c == openQuote) {
-      tag.AddAttr(String(attrName), String(inner.substr(valueStart, i - valueStart)));
+      XMLTagAccess::AddAttr(tag, attrName, inner.substr(valueStart, i - valueStart));
       openQuote = 0;
       nameStart = i + 1;
       waitingForEquals = true;
@@ -183,12 +233,16 @@ ErrorInfo* ScanAttributes(XMLTag& tag, View inner, std::size_t start) {
 }
 
 // Reads the start line of a tag: name, attributes, and the value of a tag that ends on the same
-// line. complete tells whether the tag ends there; if not, endTag receives its end tag.
-ErrorInfo* ReadStartLine(XMLTag& tag, const String& rawLine, bool& complete, String& endTag) {
-  const View line = TrimAll(rawLine.View());
-  const std::size_t start = line.find(u'<');
-  const std::size_t end = line.find(u"</");
-  const std::size_t close = line.find(u'>');
+// line. complete tells whether the tag ends there.
+ErrorInfo* ReadStartLine(XMLTag& tag, const Line& rawLine, bool& complete) {
+  const LineMarks& marks = rawLine.marks;
+  const View raw = rawLine.text.View();
+  const View line = TrimAll(raw);
+  const std::size_t shift = static_cast<std::size_t>(line.data() - raw.data());
+  auto trimmed = [shift](std::size_t at) { return at == none ? none : at - shift; };
+  const std::size_t start = trimmed(marks.firstOpen);
+  const std::size_t end = trimmed(marks.firstEndOpen);
+  const std::size_t close = trimmed(marks.firstClose);
   if (start == none) return Fail(message::missingTagStart);
   if (end != none && end <= start) return Fail(message::badlyPlacedTagEnd);
   if (close == none || close < start) return Fail(message::badlyFormedData);
@@ -197,19 +251,20 @@ ErrorInfo* ReadStartLine(XMLTag& tag, const String& rawLine, bool& complete, Str
   if (nameLength == none) nameLength = inner.size();
   if (nameLength == 0) return Fail(message::badlyFormedName);
   const View name = inner.substr(0, nameLength);
-  XMLTagAccess::Name(tag) = String(name);
+  XMLTagAccess::Name(tag).Std().assign(name);
   if (ErrorInfo* error = ScanAttributes(tag, inner, nameLength + 1)) return error;
 
   complete = true;
-  if (Contains(line, u"/>")) return nullptr;
-  endTag = String(u"</");
-  endTag += name;
-  endTag += u'>';
+  if (marks.emptyTagEnd) return nullptr;
   if (end != none) {
     // One line: the first "</" must open this tag's own end tag.
-    if (line.compare(end, endTag.Len(), endTag.View()) != 0) return Fail(message::badlyFormedEndTag);
+    const std::size_t endClose = end + 2 + name.size();
+    if (endClose >= line.size() || line[endClose] != u'>' || line.compare(end + 2, name.size(), name) != 0)
+      return Fail(message::badlyFormedEndTag);
     // In "<a </a>" the first ">" closes the end tag itself: there is no value then.
-    XMLTagAccess::Value(tag) = close < end ? String(line.substr(close + 1, end - close - 1)) : String();
+    String& value = XMLTagAccess::Value(tag);
+    if (close < end) value.Std().assign(line.substr(close + 1, end - close - 1));
+    else value.SetEmpty();
     return nullptr;
   }
   complete = false;
@@ -225,8 +280,8 @@ public:
   TreeReader& operator=(const TreeReader&) = delete;
   ~TreeReader() {
     if (starting != &top) delete starting;
-    for (OpenTag& open : openTags) {
-      if (open.tag != &top) delete open.tag;
+    for (XMLTag* open : openTags) {
+      if (open != &top) delete open;
     }
   }
 
@@ -235,15 +290,14 @@ public:
     for (;;) {
       if (starting) {
         bool complete = false;
-        String endTag;
-        if (ErrorInfo* error = ReadStartLine(*starting, lines.Current(), complete, endTag)) return error;
+        if (ErrorInfo* error = ReadStartLine(*starting, lines.Current(), complete)) return error;
         XMLTag* tag = starting;
         if (complete) {
           starting = nullptr;
           if (tag == &top) return nullptr;
           Attach(tag);
         } else {
-          openTags.push_back({tag, std::move(endTag)});
+          openTags.push_back(tag);
           starting = nullptr;
         }
         continue;
@@ -254,31 +308,26 @@ public:
   }
 
 private:
-  struct OpenTag {
-    XMLTag* tag;
-    String endTag;
-  };
-
   // One line inside the innermost open tag: its end, a nested tag, or its text line.
   ErrorInfo* ReadOn() {
-    OpenTag& open = openTags.back();
+    XMLTag* open = openTags.back();
+    const View name = XMLTagAccess::Name(*open).View();
     if (!lines.HasNext()) return Fail(message::badlyFormedData);
     lines.Advance();
-    const View line = lines.Current().View();
-    if (Contains(line, open.endTag.View())) {
-      XMLTag* done = open.tag;
+    const Line& line = lines.Current();
+    if (line.HasEndTag(name)) {
       openTags.pop_back();
-      if (done != &top) Attach(done);
+      if (open != &top) Attach(open);
       return nullptr;
     }
-    if (Contains(line, u"<")) {
-      starting = XMLTagAccess::Make(open.tag);
+    if (line.marks.firstOpen != none) {
+      starting = XMLTagAccess::Make(open);
       return nullptr;
     }
     // A text line is the tag's value and must stand directly before the end tag.
-    XMLTagAccess::Value(*open.tag) = lines.Current();
+    XMLTagAccess::Value(*open) = line.text;
     if (!lines.HasNext()) return Fail(message::badlyFormedData);
-    if (!Contains(lines.Next().View(), open.endTag.View())) return Fail(message::missingEndTag);
+    if (!lines.Next().HasEndTag(name)) return Fail(message::missingEndTag);
     return nullptr;
   }
 
@@ -292,15 +341,15 @@ private:
 
   XMLTag& top;
   DocumentLines& lines;
-  XMLTag* starting = nullptr; // the tag whose start line is at the cursor; not yet attached
-  std::vector<OpenTag> openTags; // tags read over several lines, outermost first; all but the
+  XMLTag* starting = nullptr;    // the tag whose start line is at the cursor; not yet attached
+  std::vector<XMLTag*> openTags; // tags read over several lines, outermost first; all but the
                                  // top tag not yet attached
 };
 
 // Checks the prolog and reads the top tag from the line behind it.
 ErrorInfo* ParseLines(XMLTag& top, DocumentLines& lines) {
   if (!lines.Advance() || !lines.HasNext()) return Fail(message::emptyData);
-  if (!Contains(lines.Current().View(), u"xml version=\"1.0\"")) return Fail(message::unrecognisedVersion);
+  if (!Contains(lines.Current().text.View(), u"xml version=\"1.0\"")) return Fail(message::unrecognisedVersion);
   lines.Advance();
   TreeReader reader(top, lines);
   return reader.Run();

@@ -4,6 +4,8 @@
 
 #include <qorxmlu/xml/XMLTag.h>
 
+#include <string_view>
+
 namespace QOR::detail {
 
 class XMLTagAccess {
@@ -25,6 +27,14 @@ public:
   static const String& Comment(const XMLTag& tag) { return tag.comment; }
   static const VArray<XMLAttr>& Attributes(const XMLTag& tag) { return tag.attributes; }
   static const SVArray<XMLTag*>& NestedTags(const XMLTag& tag) { return tag.nestedTags; }
+
+  // Appends an attribute made straight from the two texts.
+  static void AddAttr(XMLTag& tag, std::u16string_view name, std::u16string_view value) {
+    tag.attributes.Add(XMLAttr{});
+    XMLAttr& attr = tag.attributes[tag.attributes.Size() - 1];
+    attr.name.Std().assign(name);
+    attr.value.Std().assign(value);
+  }
 
   static String& Name(XMLTag& tag) { return tag.name; }
   static String& Value(XMLTag& tag) { return tag.value; }
