@@ -50,7 +50,9 @@ protected:
 
 private:
   friend struct ThreadPoolAccess;
-  void Run() noexcept; // on the pooled thread
+  // On the pooled thread: the body loop, then (once the worker is free again) the end signal.
+  void RunBody() noexcept;
+  void SignalEnded() noexcept;
 
   const char* name;
   Event* stopEvent;
@@ -58,6 +60,7 @@ private:
   std::atomic<bool> running{false};
   std::mutex endMutex;
   std::condition_variable ended;
+  unsigned long long endedRuns = 0; // under endMutex; tells a waiter its run ended after a restart
 };
 
 } // namespace QOR
