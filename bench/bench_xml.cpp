@@ -17,6 +17,7 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -137,8 +138,8 @@ struct Result {
   double peakMiB = 0;
 };
 
-Result Spawn(const std::string& self, const std::string& op, const std::string& library,
-             const std::string& file) {
+Result SpawnOnce(const std::string& self, const std::string& op, const std::string& library,
+                 const std::string& file) {
   const std::string command = "'" + self + "' --child " + op + " " + library + " '" + file + "'";
   Result result;
   if (FILE* pipe = popen(command.c_str(), "r")) {
@@ -148,6 +149,20 @@ Result Spawn(const std::string& self, const std::string& op, const std::string& 
     pclose(pipe);
   }
   return result;
+}
+
+// The best of a few runs: the machine is shared, and a slow run says more about the neighbours.
+Result Spawn(const std::string& self, const std::string& op, const std::string& library,
+             const std::string& file, int runs) {
+  Result best = SpawnOnce(self, op, library, file);
+  for (int i = 1; i < runs; ++i) {
+    const Result next = SpawnOnce(self, op, library, file);
+    best.m.load = std::min(best.m.load, next.m.load);
+    best.m.op = std::min(best.m.op, next.m.op);
+    best.m.text = std::min(best.m.text, next.m.text);
+    best.peakMiB = std::max(best.peakMiB, next.peakMiB);
+  }
+  return best;
 }
 
 void Compare(const std::string& self, std::uint64_t megabytes) {
@@ -163,9 +178,9 @@ void Compare(const std::string& self, std::uint64_t megabytes) {
   const char* libraries[] = {"qorxmlu", "pugixml", "tinyxml2"};
   Result read[3], write[3], copy[3];
   for (int i = 0; i < 3; ++i) {
-    read[i] = Spawn(self, "read", libraries[i], file.string());
-    write[i] = Spawn(self, "write", libraries[i], file.string());
-    copy[i] = Spawn(self, "copy", libraries[i], file.string());
+    read[i] = Spawn(self, "read", libraries[i], file.string(), 3);
+    write[i] = Spawn(self, "write", libraries[i], file.string(), 2);
+    copy[i] = Spawn(self, "copy", libraries[i], file.string(), 2);
   }
   std::filesystem::remove(file);
 
@@ -173,6 +188,7 @@ void Compare(const std::string& self, std::uint64_t megabytes) {
   auto row = [](const char* label, double a, double b, double c) {
     std::printf("%-34s %10.3f %10.3f %10.3f\n", label, a, b, c);
   };
+  std::printf("(best of 3 runs for reading, of 2 for the rest; each run a process of its own)\n");
   row("ReadFile / load (s)", read[0].m.load, read[1].m.load, read[2].m.load);
   row("  peak memory (MiB)", read[0].peakMiB, read[1].peakMiB, read[2].peakMiB);
   row("GetText + Write / save (s)", write[0].m.op, write[1].m.op, write[2].m.op);

@@ -10,10 +10,15 @@
 
 #include "xml/XMLTagAccess.h"
 
+#include <bit>
 #include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace QOR {
 
@@ -110,6 +115,26 @@ private:
   bool threw = false;
 };
 
+// The position of the first "<", ">" or "!" in the text, or its length; eight units at a time
+// where the processor allows.
+std::size_t NextMarker(const char16_t* text, std::size_t length) {
+  std::size_t at = 0;
+#if defined(__SSE2__)
+  const __m128i open = _mm_set1_epi16('<'), close = _mm_set1_epi16('>'), bang = _mm_set1_epi16('!');
+  for (; at + 8 <= length; at += 8) {
+    const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at));
+    const __m128i hits = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi16(units, open), _mm_cmpeq_epi16(units, close)),
+                                      _mm_cmpeq_epi16(units, bang));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hits));
+    if (mask != 0) return at + static_cast<std::size_t>(std::countr_zero(mask)) / 2;
+  }
+#endif
+  for (; at < length; ++at) {
+    if (text[at] == u'<' || text[at] == u'>' || text[at] == u'!') return at;
+  }
+  return length;
+}
+
 // Where the characters that steer the reading stand in a line, found in one pass. Blanks at the
 // ends of a line never hold them, so the positions serve the trimmed line too.
 struct LineMarks {
@@ -122,16 +147,15 @@ struct LineMarks {
   explicit LineMarks(View line) {
     const char16_t* text = line.data();
     const std::size_t length = line.size();
-    for (std::size_t i = 0; i < length; ++i) {
+    for (std::size_t i = NextMarker(text, length); i < length; i += 1 + NextMarker(text + i + 1, length - i - 1)) {
       const char16_t c = text[i];
-      if (c > u'>') continue; // letters and all non-ASCII text
       if (c == u'<') {
         if (firstOpen == none) firstOpen = i;
         if (firstEndOpen == none && i + 1 < length && text[i + 1] == u'/') firstEndOpen = i;
       } else if (c == u'>') {
         if (firstClose == none) firstClose = i;
         if (i > 0 && text[i - 1] == u'/') emptyTagEnd = true;
-      } else if (c == u'!' && i + 2 < length && text[i + 1] == u'-' && text[i + 2] == u'-') {
+      } else if (i + 2 < length && text[i + 1] == u'-' && text[i + 2] == u'-') {
         comment = true;
         return;
       }
@@ -165,23 +189,23 @@ public:
 
   // Moves to the next line; false when there is none.
   bool Advance() {
-    if (!nextKnown) hasNext = Fetch(next);
+    if (!nextKnown) hasNext = Fetch(slots[1 - currentSlot]);
     nextKnown = false;
     if (!hasNext) return false;
-    std::swap(current, next);
+    currentSlot = 1 - currentSlot;
     return true;
   }
-  const Line& Current() const { return current; }
+  const Line& Current() const { return slots[currentSlot]; }
   // Whether a line follows the current one.
   bool HasNext() {
     if (!nextKnown) {
-      hasNext = Fetch(next);
+      hasNext = Fetch(slots[1 - currentSlot]);
       nextKnown = true;
     }
     return hasNext;
   }
   // The line after the current one; HasNext() must have said there is one.
-  const Line& Next() const { return next; }
+  const Line& Next() const { return slots[1 - currentSlot]; }
 
 private:
   bool Fetch(Line& line) {
@@ -194,8 +218,8 @@ private:
   }
 
   LineSource& source;
-  Line current;
-  Line next;
+  Line slots[2]; // the current line and the one after it take turns
+  int currentSlot = 0;
   bool nextKnown = false;
   bool hasNext = false;
 };
@@ -204,32 +228,23 @@ private:
 // separator. A "/" ends the scan even inside quotes; a value opened and not closed, or an "="
 // with no quote behind it, is an error. Text with no "=" is passed over.
 ErrorInfo* ScanAttributes(XMLTag& tag, View inner, std::size_t start) {
-  bool waitingForEquals = true;
-  bool waitingForQuote = false;
-  char16_t openQuote = 0;
-  std::size_t nameStart = start;
-  std::size_t valueStart = 0;
-  View attrName;
-  for (std::size_t i = start; i < inner.size(); ++i) {
-    const char16_t c = inner[i];
-    if (c == u'/') break;
-    if (waitingForEquals && c == u'=') {
-      attrName = TrimLeft(inner.substr(nameStart, i - nameStart));
-      waitingForEquals = false;
-      waitingForQuote = true;
-    } else if (waitingForQuote && (c == u'"' || c == u'\'')) {
-      waitingForQuote = false;
-      openQuote = c;
-      valueStart = i + 1;
-    } else if (openQuote != 0 && c == openQuote) {
-      XMLTagAccess::AddAttr(tag, attrName, inner.substr(valueStart, i - valueStart));
-      openQuote = 0;
-      nameStart = i + 1;
-      waitingForEquals = true;
-    }
+  const std::size_t length = inner.size();
+  std::size_t i = start;
+  for (;;) {
+    const std::size_t nameStart = i;
+    while (i < length && inner[i] != u'=' && inner[i] != u'/') ++i;
+    if (i >= length || inner[i] == u'/') return nullptr;
+    const View attrName = TrimLeft(inner.substr(nameStart, i - nameStart));
+    ++i;
+    while (i < length && inner[i] != u'"' && inner[i] != u'\'' && inner[i] != u'/') ++i;
+    if (i >= length || inner[i] == u'/') return Fail(message::badlyFormedAttrValue);
+    const char16_t quote = inner[i];
+    const std::size_t valueStart = ++i;
+    while (i < length && inner[i] != quote && inner[i] != u'/') ++i;
+    if (i >= length || inner[i] == u'/') return Fail(message::badlyFormedAttrValue);
+    XMLTagAccess::AddAttr(tag, attrName, inner.substr(valueStart, i - valueStart));
+    ++i;
   }
-  if (waitingForQuote || openQuote != 0) return Fail(message::badlyFormedAttrValue);
-  return nullptr;
 }
 
 // Reads the start line of a tag: name, attributes, and the value of a tag that ends on the same

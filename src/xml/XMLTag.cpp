@@ -46,7 +46,7 @@ XMLTag* XMLTag::CopyTag(const XMLTag& source, XMLTag* owner) {
     auto* tag = new XMLTag(to, from.name);
     tag->attributes = from.attributes; // shared until either side writes
     tag->value = from.value;
-    tag->comment = from.comment;
+    if (from.comment) tag->comment = std::make_unique<String>(*from.comment);
     return tag;
   };
   XMLTag* root = copyFields(source, owner);
@@ -78,6 +78,11 @@ XMLTag* XMLTag::CopyTag(const XMLTag& source, XMLTag* owner) {
 
 XMLTag* XMLTag::GetNestedTag(std::size_t index) const {
   return index < nestedTags.Size() ? nestedTags[index] : nullptr;
+}
+
+void XMLTag::AddComment(String text) {
+  if (comment) *comment = std::move(text);
+  else comment = std::make_unique<String>(std::move(text));
 }
 
 String XMLTag::GetAttrName(std::size_t index) const {

@@ -24,7 +24,7 @@ public:
   static XMLTag* Parent(const XMLTag& tag) { return tag.parent; }
   static const String& Name(const XMLTag& tag) { return tag.name; }
   static const String& Value(const XMLTag& tag) { return tag.value; }
-  static const String& Comment(const XMLTag& tag) { return tag.comment; }
+  static const String& Comment(const XMLTag& tag) { return tag.comment ? *tag.comment : GetEmptyString(); }
   static const VArray<XMLAttr>& Attributes(const XMLTag& tag) { return tag.attributes; }
   static const SVArray<XMLTag*>& NestedTags(const XMLTag& tag) { return tag.nestedTags; }
 

@@ -22,6 +22,7 @@
 #include <qorxmlu/xml/XMLAttr.h>
 
 #include <cstddef>
+#include <memory>
 
 namespace QOR {
 
@@ -40,7 +41,7 @@ public:
   // Copies of the fields.
   String GetName() const { return name; }
   String GetValue() const { return value; }
-  String GetComment() const { return comment; }
+  String GetComment() const { return comment ? *comment : String(); }
 
   std::size_t NoOfAttributes() const { return attributes.Size(); }
   std::size_t NoOfNestedTags() const { return nestedTags.Size(); }
@@ -54,7 +55,7 @@ public:
   void SetName(String text) { name = std::move(text); }
   void SetValue(String text) { value = std::move(text); }
   // Sets the tag's one comment; a second call replaces the first.
-  void AddComment(String text) { comment = std::move(text); }
+  void AddComment(String text);
 
   // Appends an attribute, without looking for one of that name, and returns this tag for chaining.
   XMLTag* AddAttr(String attrName, String attrValue);
@@ -142,7 +143,7 @@ private:
   XMLTag* parent;
   String name;
   String value;
-  String comment;
+  std::unique_ptr<String> comment; // few tags have one: held apart, null for none
   VArray<XMLAttr> attributes;
   SVArray<XMLTag*> nestedTags;
 };
