@@ -45,9 +45,6 @@ TEST(XMLDeepTest, AMillionLevelsAreCopiedSearchedAndDestroyed) {
   middle->NestTag(copy.TopTag()); // a snapshot of the whole tree inside itself
   middle->Remove();
   EXPECT_EQ(Depth(copy), 1000u);
-
-  copy = doc;
-  EXPECT_EQ(Depth(copy), million);
   doc.TopTag()->Remove();
   EXPECT_EQ(Depth(doc), 0u);
 }

@@ -22,11 +22,7 @@ TEST(XMLTagTest, ValuesAreTrimmedOnlyWhenATagIsMade) {
   XML doc(u"t");
   XMLTag* tag = doc.TopTag()->NestTag(u"a", u"  v \t");
   EXPECT_EQ(tag->GetValue(), String(u"v"));
-  tag->SetValue(u" w ");
-  EXPECT_EQ(tag->GetValue(), String(u" w "));
-  *tag << String(u" x ");
-  EXPECT_EQ(tag->GetValue(), String(u" x "));
-  *tag << u" y ";
+  *tag << u" y "; // a text, not a bool
   EXPECT_EQ(tag->GetValue(), String(u" y "));
 }
 
@@ -45,48 +41,28 @@ TEST(XMLTagTest, AttributesAreKeptAsGivenAndInOrder) {
   EXPECT_EQ(top->GetComment(), String(u"two"));
 }
 
-TEST(XMLTagTest, TypedValues) {
+TEST(XMLTagTest, TypedValuesGoThroughTheText) {
   XML doc(u"t");
   XMLTag& tag = *doc.TopTag();
   bool flag = true;
-  for (const char16_t* word : {u"", u"no", u"Yes", u"true", u"1"}) {
+  for (const char16_t* word : {u"", u"no", u"Yes", u"1"}) {
     tag.SetValue(word);
     tag >> flag;
     EXPECT_FALSE(flag) << String(word).ToUtf8();
   }
   tag << true;
-  tag >> flag;
-  EXPECT_TRUE(flag);
-  tag << false;
-  EXPECT_EQ(tag.GetValue(), String(u"no"));
-
-  tag << -42;
-  int i = 0;
-  tag >> i;
-  EXPECT_EQ(i, -42);
-  tag << 7u;
-  unsigned u = 0;
-  tag >> u;
-  EXPECT_EQ(u, 7u);
-  tag << 123456L;
-  long l = 0;
-  tag >> l;
-  EXPECT_EQ(l, 123456L);
-  tag.SetValue(u"no number");
-  tag >> l;
-  EXPECT_EQ(l, 123456L);
-  EXPECT_EQ(tag.GetValue(), String(u"no number"));
-
+  EXPECT_EQ(tag.GetValue(), String(u"yes"));
   tag << 2.0;
   EXPECT_EQ(tag.GetValue(), String(u"2"));
   tag << -0.25;
   EXPECT_EQ(tag.GetValue(), String(u"-0.25"));
-  double d = 0;
-  tag >> d;
-  EXPECT_EQ(d, -0.25);
-  String s;
-  tag >> s;
-  EXPECT_EQ(s, String(u"-0.25"));
+  tag << -42;
+  int number = 0;
+  tag >> number;
+  EXPECT_EQ(number, -42);
+  tag.SetValue(u"no number");
+  tag >> number;
+  EXPECT_EQ(number, -42);
 }
 
 TEST_F(Abcd, NestTagBeforeIndexInsertsOrAppends) {
