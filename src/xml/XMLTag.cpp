@@ -23,22 +23,24 @@ XMLTag::XMLTag(XMLTag* owner, String tagName, String tagValue, String attrName, 
 XMLTag::~XMLTag() { DestroyNestedTags(); }
 
 void XMLTag::DestroyNestedTags() noexcept {
-  // Go down to a leaf, destroy it, drop it from its parent's list and go on from the parent.
-  // Taking the last entry each time keeps every step constant in cost.
-  XMLTag* current = this;
-  for (;;) {
-    const std::size_t count = current->nestedTags.Size();
-    if (count != 0) {
-      current = std::as_const(current->nestedTags)[count - 1];
-      continue;
+  // The tags still to be destroyed form one list, in document order, threaded through their parent
+  // pointers, which nothing needs any more. A tag's nested tags take its place at the head of the
+  // list before it is destroyed, so the tags go in the order in which a read made them.
+  auto takeNested = [](XMLTag& owner, XMLTag* rest) {
+    const SVArray<XMLTag*>& nested = owner.nestedTags;
+    for (std::size_t i = nested.Size(); i-- > 0;) {
+      nested[i]->parent = rest;
+      rest = nested[i];
     }
-    if (current == this) break;
-    XMLTag* up = current->parent;
-    delete current;
-    up->nestedTags.Truncate(up->nestedTags.Size() - 1);
-    current = up;
+    owner.nestedTags.Truncate(0);
+    return rest;
+  };
+  XMLTag* next = takeNested(*this, nullptr);
+  while (next) {
+    XMLTag* tag = next;
+    next = takeNested(*tag, tag->parent);
+    delete tag;
   }
-  nestedTags.Truncate(0);
 }
 
 XMLTag* XMLTag::CopyTag(const XMLTag& source, XMLTag* owner) {
