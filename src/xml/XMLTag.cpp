@@ -151,6 +151,7 @@ XMLTag* XMLTag::NestTag(String tagName, String tagValue) {
 XMLTag* XMLTag::NestTag(String tagName) { return NestTag(std::move(tagName), String(), String(), String()); }
 
 XMLTag* XMLTag::NestTag(XMLTag* source) {
+  if (!source) return nullptr;
   std::unique_ptr<XMLTag> copy(CopyTag(*source, this));
   nestedTags.Add(copy.get());
   return copy.release();

@@ -116,6 +116,18 @@ TEST(XMLReaderTest, PrologAndEmptyData) {
   }
 }
 
+TEST(XMLReaderTest, AttributeNamesLoseWhatStringTrimsFromTheirFront) {
+  for (char16_t blank : {u' ', u'\r', u'\v', u'\f', u'\u00A0', u'\u2003', u'\u3000'}) {
+    const std::u16string name = std::u16string(1, blank) + u"b";
+    String expected(name);
+    expected.TrimLeft();
+    const std::u16string line = u"<a x=\"1\"" + name + u"=\"2\" />";
+    XML doc;
+    EXPECT_EQ(Outcome(doc.ReadText(Document({line.c_str()}))), "") << int(blank);
+    EXPECT_EQ(doc.TopTag()->GetAttrName(1), expected) << int(blank);
+  }
+}
+
 TEST(XMLReaderTest, AReadReplacesTheTreeButSparesTheTopTagsOwnFields) {
   XML doc(u"old", u"old value", u"k", u"v");
   doc.TopTag()->AddComment(u"kept");

@@ -96,8 +96,8 @@ public:
   XMLTag* NestTag(String tagName, String tagValue, String attrName, String attrValue);
   XMLTag* NestTag(String tagName, String tagValue);
   XMLTag* NestTag(String tagName);
-  // Appends a deep copy of source (not null) as it stands before the call; source may be this tag
-  // or one of its descendants. Returns the copy.
+  // Appends a deep copy of source as it stands before the call; source may be this tag or one of
+  // its descendants. Returns the copy (null, adding nothing, for a null source).
   XMLTag* NestTag(XMLTag* source);
   // Inserts a new tag with that name before the entry at index; an index at or beyond the end
   // appends. Returns the new tag.
