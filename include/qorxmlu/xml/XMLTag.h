@@ -105,7 +105,7 @@ public:
 
   // The first direct nested tag whose name, value, or attribute at position attrIndex equals the
   // text, or null. On a hit its index goes to *index if index is not null; on a miss *index stays.
-  // FindNestedTagOnAttrValue requires every nested tag it reaches to have that attribute position.
+  // Attributes are addressed by position; a tag without that position is no hit.
   XMLTag* FindNestedTag(String tagName, std::size_t* index = nullptr) const;
   XMLTag* FindNestedTagOnValue(String tagValue, std::size_t* index = nullptr) const;
   XMLTag* FindNestedTagOnAttrValue(String attrValue, int attrIndex, std::size_t* index = nullptr) const;
