@@ -20,3 +20,6 @@
 #include <qorxmlu/foundation/FormatableTextFile.h>
 #include <qorxmlu/foundation/Encoding.h>
 #include <qorxmlu/foundation/Utility.h>
+#include <qorxmlu/xml/XMLAttr.h>
+#include <qorxmlu/xml/XMLTag.h>
+#include <qorxmlu/xml/XML.h>
