@@ -84,7 +84,7 @@ int LineParsableFile::NextLine(String& line, ErrorInfo*& error, std::size_t maxL
       }
       if (lineEnd != Reader::npos) {
         std::size_t stop = lineEnd;
-        if (stop > in.begin && in.IsCarriageReturn(stop - in.UnitSize())) stop -= in.UnitSize();
+        if (stop >= in.begin + in.UnitSize() && in.IsCarriageReturn(stop - in.UnitSize())) stop -= in.UnitSize();
         in.Decode(in.begin, stop, line);
         in.begin = next;
         if (maxLength && line.Len() > maxLength) break;

@@ -162,9 +162,11 @@ String& String::operator<<(unsigned long number) { return AppendInteger(number);
 String& String::operator<<(long long number) { return AppendInteger(number); }
 String& String::operator<<(unsigned long long number) { return AppendInteger(number); }
 
-String& String::operator<<(double number) {
-  DoubleFormat format = nextDouble;
-  nextDouble = DoubleFormat();
+String& FormattedString::operator<<(double number) { return target.AppendDouble(number, format); }
+
+String& String::operator<<(double number) { return AppendDouble(number, DoubleFormat()); }
+
+String& String::AppendDouble(double number, DoubleFormat format) {
   char text[400];
   std::to_chars_result result;
   bool fixed = format.decimals >= 0 && std::isfinite(number);
@@ -189,16 +191,6 @@ String& String::operator<<(double number) {
     }
   }
   AppendAscii(units, shown.data(), shown.size());
-  return *this;
-}
-
-String& String::operator<<(StringManip manip) {
-  switch (manip.kind) {
-  case StringManip::Kind::NewLine: units += u"\r\n"; break;
-  case StringManip::Kind::TruncZero: nextDouble.truncZero = true; break;
-  case StringManip::Kind::Whole: nextDouble.wholeDigits = manip.value; break;
-  case StringManip::Kind::Dec: nextDouble.decimals = manip.value; break;
-  }
   return *this;
 }
 

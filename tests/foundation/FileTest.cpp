@@ -62,6 +62,13 @@ TEST(LineReaderTest, FilesAndTextSplitAlikeForEveryLineEnd) {
   }
 }
 
+TEST(LineReaderTest, AnOddByteAtTheEndOfUtf16EndsTheLinesSafely) {
+  test::TempDir dir;
+  const Lines lines = ReadLines(dir.Write("odd", std::string("\xFF\xFE<\0a\0\n\0:", 9)));
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0], String(u"<a"));
+}
+
 TEST(LineReaderTest, TakesTheEncodingFromTheByteOrderMark) {
   test::TempDir dir;
   Lines expected{u"Grüße", u"😀"};

@@ -141,3 +141,10 @@ TEST(ErrorInfoTest, LongChainIsDeletedWithoutRecursion) {
 
 } // namespace
 } // namespace QOR
+
+namespace QOR {
+namespace {
+// A document holds millions of names and values: a String is no bigger than its units.
+static_assert(sizeof(String) == sizeof(std::u16string));
+} // namespace
+} // namespace QOR

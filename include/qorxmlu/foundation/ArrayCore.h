@@ -57,7 +57,7 @@ protected:
     std::uint64_t capacityIncrease = defaultIncrease;
     std::atomic<std::int32_t> shareCount{1};
     Stored* items = nullptr;
-    std::uint64_t allocated = 0; // physical room in items, never below capacity
+    std::uint64_t allocated = 0; // physical room in items, never below count
   };
 
   Stored* Items() const noexcept { return body->items; }
@@ -65,7 +65,7 @@ protected:
   void InsertStored(Stored element, std::size_t index) {
     Body* own = Own();
     if (index > own->count) index = own->count;
-    if (own->count == own->capacity) Grow(own);
+    if (own->count == own->allocated || own->count == own->capacity) Grow(own);
     Stored* items = own->items;
     std::memmove(items + index + 1, items + index, (own->count - index) * sizeof(Stored));
     items[index] = element;
@@ -74,7 +74,7 @@ protected:
 
   void AppendStored(Stored element) {
     Body* own = Own();
-    if (own->count == own->capacity) Grow(own);
+    if (own->count == own->allocated || own->count == own->capacity) Grow(own);
     own->items[own->count++] = element;
   }
 
@@ -138,7 +138,8 @@ private:
     try {
       if (source->count) {
         std::uint64_t step = copy->capacityIncrease;
-        copy->capacity = copy->allocated = (source->count + step - 1) / step * step;
+        copy->capacity = (source->count + step - 1) / step * step;
+        copy->allocated = source->count;
         copy->items = Allocate(nullptr, copy->allocated);
         for (std::uint64_t i = 0; i < source->count; ++i) {
           copy->items[i] = Policy::Copy(source->items[i]);
@@ -152,16 +153,18 @@ private:
     return copy;
   }
 
+  // Room for one more element: the reported capacity steps by capacityIncrease, the block under
+  // it grows geometrically from a few elements, whatever the step.
   static void Grow(Body* own) {
-    std::uint64_t capacity = own->capacity + own->capacityIncrease;
-    if (capacity < own->capacity) throw std::bad_alloc();
-    if (capacity > own->allocated) {
-      std::uint64_t room = own->allocated + own->allocated / 2;
-      if (room < capacity) room = capacity;
-      own->items = Allocate(own->items, room);
-      own->allocated = room;
+    if (own->count == own->capacity) {
+      std::uint64_t capacity = own->capacity + own->capacityIncrease;
+      if (capacity < own->capacity) throw std::bad_alloc();
+      own->capacity = capacity;
     }
-    own->capacity = capacity;
+    if (own->count < own->allocated) return;
+    std::uint64_t room = own->allocated < 4 ? 4 : own->allocated + own->allocated / 2;
+    own->items = Allocate(own->items, room);
+    own->allocated = room;
   }
 
   static Stored* Allocate(Stored* block, std::uint64_t elements) {

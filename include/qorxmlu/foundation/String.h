@@ -4,8 +4,8 @@
 // constant time per unit. Comparison is exact, unit by unit (case matters).
 //
 // Numbers: << of an integer writes plain decimal (a minus sign, no grouping, no plus). << of a
-// double uses the format set by the manipulators before it (trunczero, whole, dec), which applies to
-// that one number only; without them the shortest text that reads back as the same double.
+// double uses the format set by the steps just before it in the same expression (trunczero, whole,
+// dec); without them the shortest text that reads back as the same double.
 // >> of a text that is no number leaves the target as it was: leading blanks are skipped, then a
 // number must start (an optional sign, then digits); what follows the number is ignored. A number
 // out of the target's range also leaves it alone, and so does a minus sign for an unsigned target.
@@ -20,20 +20,56 @@
 
 namespace QOR {
 
-// A format step for String's <<: a line end, or the format of the next double.
-struct StringManip {
-  enum class Kind { NewLine, TruncZero, Whole, Dec } kind;
+// The line end for String's <<: CR LF.
+struct NewLine {};
+inline constexpr NewLine newline{};
+
+// A format step for the next double written with String's <<.
+struct DoubleFormatStep {
+  enum class Kind { TruncZero, Whole, Dec } kind;
   int value;
 };
 
-// Appends the line end CR LF.
-inline constexpr StringManip newline{StringManip::Kind::NewLine, 0};
 // The next double drops the zeros that end its fraction (and the point if nothing is left).
-inline constexpr StringManip trunczero{StringManip::Kind::TruncZero, 0};
+inline constexpr DoubleFormatStep trunczero{DoubleFormatStep::Kind::TruncZero, 0};
 // The next double shows at least this many digits in front of the point.
-constexpr StringManip whole(int digits) { return {StringManip::Kind::Whole, digits}; }
+constexpr DoubleFormatStep whole(int digits) { return {DoubleFormatStep::Kind::Whole, digits}; }
 // The next double shows this many digits behind the point.
-constexpr StringManip dec(int digits) { return {StringManip::Kind::Dec, digits}; }
+constexpr DoubleFormatStep dec(int digits) { return {DoubleFormatStep::Kind::Dec, digits}; }
+
+class String;
+
+// The format of one double: what the steps before it asked for.
+struct DoubleFormat {
+  bool truncZero = false;
+  int wholeDigits = -1;
+  int decimals = -1;
+  DoubleFormat& operator+=(DoubleFormatStep step) {
+    switch (step.kind) {
+    case DoubleFormatStep::Kind::TruncZero: truncZero = true; break;
+    case DoubleFormatStep::Kind::Whole: wholeDigits = step.value; break;
+    case DoubleFormatStep::Kind::Dec: decimals = step.value; break;
+    }
+    return *this;
+  }
+};
+
+// A String being written, with the format steps for its next double gathered so far. It lives
+// only within one << expression; anything but a double or another step drops the format.
+class QORXMLU_API FormattedString {
+public:
+  FormattedString(String& target, DoubleFormat format) : target(target), format(format) {}
+  FormattedString& operator<<(DoubleFormatStep step) {
+    format += step;
+    return *this;
+  }
+  String& operator<<(double number);
+  template <class T> String& operator<<(const T& other);
+
+private:
+  String& target;
+  DoubleFormat format;
+};
 
 class QORXMLU_API String {
 public:
@@ -108,8 +144,12 @@ public:
   String& operator<<(unsigned long number);
   String& operator<<(long long number);
   String& operator<<(unsigned long long number);
+  // Shortest text that reads back as the same number.
   String& operator<<(double number);
-  String& operator<<(StringManip manip);
+  String& operator<<(NewLine) { return *this += u"\r\n"; }
+  FormattedString operator<<(DoubleFormatStep step) { return FormattedString(*this, DoubleFormat() += step); }
+  // The number in the format given.
+  String& AppendDouble(double number, DoubleFormat format);
 
   // Conversions; see the head of this file for text that is no number.
   const String& operator>>(int& number) const;
@@ -141,13 +181,9 @@ private:
   template <class N> const String& ParseInteger(N& number) const;
 
   std::u16string units;
-  // The format of the next double, set by the manipulators.
-  struct DoubleFormat {
-    bool truncZero = false;
-    int wholeDigits = -1;
-    int decimals = -1;
-  } nextDouble;
 };
+
+template <class T> String& FormattedString::operator<<(const T& other) { return target << other; }
 
 // An empty text, shared.
 QORXMLU_API const String& GetEmptyString();

@@ -1,0 +1,333 @@
+#include "Session.h"
+
+#include "RequestHandle.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <climits>
+
+namespace QOR::inet {
+
+namespace {
+
+constexpr std::size_t maxSpareEasies = 8;
+// The session whose libcurl lock this thread holds (the innermost, when callbacks nest).
+thread_local Session* curlHolder = nullptr;
+
+using Clock = std::chrono::steady_clock;
+
+void InitialiseCurl() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+uint32_t EpollEvents(int what) {
+  uint32_t events = 0;
+  if (what == CURL_POLL_IN || what == CURL_POLL_INOUT) events |= EPOLLIN;
+  if (what == CURL_POLL_OUT || what == CURL_POLL_INOUT) events |= EPOLLOUT;
+  return events;
+}
+
+} // namespace
+
+// ---- the libcurl lock ----
+
+Session::CurlGuard::CurlGuard(Session& session) : session(session), outer(curlHolder) {
+  session.curlLock.lock();
+  curlHolder = &session;
+}
+
+Session::CurlGuard::~CurlGuard() {
+  bool wake = false;
+  if (!session.OnLoopThread()) {
+    // Reports queued by libcurl's callbacks, transfers that finished meanwhile, or a timer due
+    // before the loop means to wake: the loop's business.
+    wake = !session.afterPerform.empty() || !session.afterUnlock.empty() ||
+           session.running < static_cast<int>(session.attached.size()) ||
+           (session.timerSet && session.timerDue < session.loopWakesBy);
+  }
+  curlHolder = outer;
+  session.curlLock.unlock();
+  if (wake) session.Wake();
+}
+
+bool Session::HoldingCurl() { return curlHolder != nullptr; }
+
+// ---- life ----
+
+Session::Session(Settings settings) : settings(std::move(settings)) {}
+
+bool Session::Open() {
+  multi = curl_multi_init();
+  epollFd = epoll_create1(EPOLL_CLOEXEC);
+  wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  timerFd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  if (!multi || epollFd < 0 || wakeFd < 0 || timerFd < 0) return false;
+  for (int fd : {wakeFd, timerFd}) {
+    epoll_event wake{};
+    wake.events = EPOLLIN;
+    wake.data.fd = fd;
+    if (epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &wake) != 0) return false;
+  }
+  curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &Session::SocketChanged);
+  curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, &Session::TimerChanged);
+  curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this);
+  return true;
+}
+
+std::shared_ptr<Session> Session::Start(Settings settings) {
+  InitialiseCurl();
+  std::shared_ptr<Session> session(new Session(std::move(settings)));
+  if (!session->Open()) return nullptr;
+  // The thread owns the session too, so the session outlives every command the loop runs.
+  try {
+    session->loop = std::thread([session] { session->Run(); });
+  } catch (const std::system_error&) {
+    return nullptr;
+  }
+  return session;
+}
+
+Session::~Session() {
+  // The last owner is the loop thread itself when nothing joined it: it ends right after this.
+  if (loop.joinable()) loop.detach();
+  if (multi) curl_multi_cleanup(multi);
+  if (epollFd >= 0) close(epollFd);
+  if (wakeFd >= 0) close(wakeFd);
+  if (timerFd >= 0) close(timerFd);
+}
+
+void Session::Wake() {
+  uint64_t one = 1;
+  (void)!write(wakeFd, &one, sizeof one);
+}
+
+void Session::Post(std::function<void()> command) {
+  {
+    std::lock_guard<std::mutex> guard(queueLock);
+    if (stopped) return;
+    commands.push_back(std::move(command));
+  }
+  Wake();
+}
+
+void Session::PostQuietly(std::function<void()> command) {
+  std::lock_guard<std::mutex> guard(queueLock);
+  if (!stopped) commands.push_back(std::move(command));
+}
+
+void Session::PostWithin(std::function<void()> command, std::chrono::microseconds delay) {
+  std::lock_guard<std::mutex> guard(queueLock);
+  if (stopped) return;
+  commands.push_back(std::move(command));
+  auto due = Clock::now() + delay;
+  if (due >= timerFdDue) return; // an earlier wake-up is set already
+  timerFdDue = due;
+  itimerspec when{};
+  when.it_value.tv_sec = delay.count() / 1000000;
+  when.it_value.tv_nsec = (delay.count() % 1000000) * 1000;
+  timerfd_settime(timerFd, 0, &when, nullptr);
+}
+
+void Session::Stop() {
+  {
+    std::lock_guard<std::mutex> guard(queueLock);
+    stopRequested = true;
+  }
+  Wake();
+  if (OnLoopThread()) return;
+  std::lock_guard<std::mutex> guard(joinLock);
+  if (loop.joinable()) loop.join();
+}
+
+// ---- the loop ----
+
+void Session::Run() {
+  loopId.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  std::vector<std::function<void()>> batch;
+  epoll_event events[64];
+  int ready = 0;
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> guard(queueLock);
+      batch.swap(commands);
+      if (batch.empty() && stopRequested) {
+        stopped = true;
+        break;
+      }
+    }
+    int wait = 0;
+    std::vector<std::function<void()>> reports;
+    {
+      CurlGuard guard(*this);
+      for (auto& command : batch) command();
+      batch.clear();
+      for (int i = 0; i < ready; ++i) {
+        int fd = events[i].data.fd;
+        if (fd != wakeFd && fd != timerFd) ActOnEvents(fd, events[i].events);
+      }
+      RunDue();
+      DeliverFinished();
+      RunAfterPerform();
+      wait = WaitMilliseconds();
+      reports.swap(afterUnlock);
+    }
+    for (auto& report : reports) report();
+    {
+      std::lock_guard<std::mutex> guard(queueLock);
+      if (!commands.empty() || stopRequested) {
+        ready = 0;
+        continue;
+      }
+    }
+    ready = epoll_wait(epollFd, events, 64, wait);
+    for (int i = 0; i < ready; ++i) {
+      if (events[i].data.fd != wakeFd && events[i].data.fd != timerFd) continue;
+      uint64_t count = 0;
+      (void)!read(events[i].data.fd, &count, sizeof count);
+      if (events[i].data.fd == timerFd) {
+        std::lock_guard<std::mutex> guard(queueLock);
+        timerFdDue = Clock::time_point::max();
+      }
+    }
+    if (ready < 0) ready = 0;
+  }
+  CurlGuard guard(*this);
+  Shutdown();
+}
+
+void Session::ActOnEvents(curl_socket_t socket, uint32_t events) {
+  int bits = 0;
+  if (events & EPOLLIN) bits |= CURL_CSELECT_IN;
+  if (events & EPOLLOUT) bits |= CURL_CSELECT_OUT;
+  if (events & (EPOLLERR | EPOLLHUP)) bits |= CURL_CSELECT_ERR;
+  Act(socket, bits);
+}
+
+void Session::Act(curl_socket_t socket, int selectBits) {
+  curl_multi_socket_action(multi, socket, selectBits, &running);
+}
+
+void Session::RunDue() {
+  // libcurl may set a new due time while it runs; what is due again now runs again.
+  while (timerSet && timerDue <= Clock::now()) {
+    timerSet = false;
+    curl_multi_socket_action(multi, CURL_SOCKET_TIMEOUT, 0, &running);
+  }
+}
+
+int Session::WaitMilliseconds() {
+  // No time-out of our own: without a libcurl timer the loop waits for a socket or a command.
+  if (!timerSet) {
+    loopWakesBy = Clock::time_point::max();
+    return -1;
+  }
+  auto left = std::chrono::ceil<std::chrono::milliseconds>(timerDue - Clock::now()).count();
+  left = std::max<long long>(0, std::min<long long>(left, INT_MAX));
+  loopWakesBy = timerDue;
+  return static_cast<int>(left);
+}
+
+void Session::DeliverFinished() {
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    auto found = attached.find(message->easy_handle);
+    if (found == attached.end()) continue;
+    std::shared_ptr<RequestHandle> request = found->second;
+    request->TransferDone(message->data.result);
+  }
+}
+
+void Session::RunAfterPerform() {
+  while (!afterPerform.empty()) {
+    auto tasks = std::move(afterPerform);
+    afterPerform.clear();
+    for (auto& task : tasks) task();
+  }
+}
+
+void Session::Shutdown() {
+  std::vector<std::shared_ptr<RequestHandle>> remaining;
+  for (auto& entry : attached) remaining.push_back(entry.second);
+  for (auto& request : remaining) request->DropTransfer(); // each detaches itself
+  attached.clear();
+  for (CURL* easy : spareEasies) curl_easy_cleanup(easy);
+  spareEasies.clear();
+}
+
+// ---- libcurl's sockets and timer ----
+
+int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, void* assigned) {
+  auto* self = static_cast<Session*>(user);
+  if (what == CURL_POLL_REMOVE) {
+    epoll_ctl(self->epollFd, EPOLL_CTL_DEL, socket, nullptr);
+    curl_multi_assign(self->multi, socket, nullptr);
+    return 0;
+  }
+  epoll_event event{};
+  event.events = EpollEvents(what);
+  event.data.fd = socket;
+  if (assigned) {
+    epoll_ctl(self->epollFd, EPOLL_CTL_MOD, socket, &event);
+    return 0;
+  }
+  if (epoll_ctl(self->epollFd, EPOLL_CTL_ADD, socket, &event) != 0) {
+    if (errno != EEXIST) return -1;
+    epoll_ctl(self->epollFd, EPOLL_CTL_MOD, socket, &event);
+  }
+  curl_multi_assign(self->multi, socket, self);
+  return 0;
+}
+
+int Session::TimerChanged(CURLM*, long milliseconds, void* user) {
+  auto* self = static_cast<Session*>(user);
+  if (milliseconds < 0) {
+    self->timerSet = false;
+    return 0;
+  }
+  // Set by a caller driving libcurl, it is looked at when the caller lets go (CurlGuard).
+  self->timerSet = true;
+  self->timerDue = Clock::now() + std::chrono::milliseconds(milliseconds);
+  return 0;
+}
+
+// ---- transfers ----
+
+bool Session::Attach(CURL* easy, std::shared_ptr<RequestHandle> request) {
+  if (curl_multi_add_handle(multi, easy) != CURLM_OK) return false;
+  attached.emplace(easy, std::move(request));
+  return true;
+}
+
+void Session::Detach(CURL* easy) {
+  auto found = attached.find(easy);
+  if (found == attached.end()) return;
+  curl_multi_remove_handle(multi, easy);
+  // The request may hold the last other reference: let it go only after the map is consistent.
+  std::shared_ptr<RequestHandle> keep = std::move(found->second);
+  attached.erase(found);
+}
+
+CURL* Session::TakeEasy() {
+  if (spareEasies.empty()) return curl_easy_init();
+  CURL* easy = spareEasies.back();
+  spareEasies.pop_back();
+  return easy;
+}
+
+void Session::GiveBackEasy(CURL* easy) {
+  if (!easy) return;
+  if (curlHolder != this || spareEasies.size() >= maxSpareEasies) {
+    curl_easy_cleanup(easy);
+    return;
+  }
+  curl_easy_reset(easy);
+  spareEasies.push_back(easy);
+}
+
+} // namespace QOR::inet

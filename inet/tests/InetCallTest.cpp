@@ -1,0 +1,196 @@
+// The entry points themselves: what the module exports, handles and callbacks, server names,
+// header modifiers, call order, keep-alive, and bodies of any size.
+#include "InetDriver.h"
+#include "support/LoopbackServer.h"
+#include "support/RawServer.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <dlfcn.h>
+
+#include <filesystem>
+
+namespace QOR::inettest {
+namespace {
+
+using test::LoopbackServer;
+using test::RawConnection;
+using test::RawServer;
+
+std::u16string Wide(const std::string& text) { return std::u16string(text.begin(), text.end()); }
+
+int ThreadCount() {
+  int count = 0;
+  for ([[maybe_unused]] auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+  return count;
+}
+
+TEST(InetCallTest, ModuleExportsTheEntryPointsByTheirWinInetNames) {
+  EXPECT_EQ(std::filesystem::path(QORINET_LIBRARY).filename(), "libqorinet.so");
+  void* module = dlopen(QORINET_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(module, nullptr) << dlerror();
+  for (const char* name : {"InternetOpenW", "InternetCloseHandle", "InternetSetStatusCallbackW", "HttpOpenRequestA",
+                           "InternetSetOptionW", "InternetWriteFile", "InternetReadFileExA", "HttpEndRequestW",
+                           "InternetConnectW", "HttpSendRequestExW", "HttpAddRequestHeadersW", "GetLastError"}) {
+    EXPECT_NE(dlsym(module, name), nullptr) << name;
+  }
+  dlclose(module);
+}
+
+TEST(InetCallTest, RootHandleOwnsOneThreadAndItsCloseStopsIt) {
+  // A first root and its close, so that helper threads the runtime starts once are there.
+  InternetCloseHandle(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC));
+  int before = ThreadCount();
+  HINTERNET root = InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC);
+  ASSERT_NE(root, nullptr);
+  EXPECT_EQ(ThreadCount(), before + 1);
+  EXPECT_TRUE(InternetCloseHandle(root));
+  EXPECT_EQ(ThreadCount(), before);
+  EXPECT_FALSE(InternetCloseHandle(root));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+}
+
+TEST(InetCallTest, OnlyAsynchronousModeIsOffered) {
+  EXPECT_EQ(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0), nullptr);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
+}
+
+void CALLBACK IgnoreStatus(HINTERNET, DWORD_PTR, DWORD, LPVOID, DWORD) {}
+
+TEST(InetCallTest, StatusCallbackSwapsAndLastErrorSurvivesSuccess) {
+  HINTERNET root = InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC);
+  EXPECT_EQ(InternetSetStatusCallbackW(root, &IgnoreStatus), nullptr);
+  EXPECT_EQ(InternetSetStatusCallbackW(root, nullptr), &IgnoreStatus);
+  EXPECT_EQ(InternetSetStatusCallbackW(reinterpret_cast<HINTERNET>(0x7777), &IgnoreStatus),
+            INTERNET_INVALID_STATUS_CALLBACK);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  // A call that succeeds leaves the last error as it was.
+  EXPECT_EQ(InternetSetStatusCallbackW(root, nullptr), nullptr);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  InternetCloseHandle(root);
+}
+
+TEST(InetCallTest, ServerNameMayCarryThePort) {
+  LoopbackServer server;
+  server.Start();
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open());
+  ASSERT_TRUE(driver.Connect(server.HostPort(), 80));
+  std::string reply;
+  EXPECT_TRUE(driver.Post("/echo", "hello", reply).ok);
+  EXPECT_EQ(reply, "hello");
+  ASSERT_EQ(server.Requests().size(), 1u);
+  EXPECT_EQ(server.Requests()[0].headers.find("Host")->second, server.HostPort());
+
+  for (const char* bad : {"", "[::1", "[]:80", "host:", "host:http", "host:0", "host:65536"}) {
+    std::u16string name = Wide(bad);
+    EXPECT_EQ(InternetConnectW(driver.Root(), name.c_str(), 80, u"", u"", INTERNET_SERVICE_HTTP, 0, 1), nullptr)
+        << bad;
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER)) << bad;
+  }
+}
+
+TEST(InetCallTest, HeaderModifiersFollowWinInet) {
+  RawServer server(RawServer::Answer("ok"));
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
+  ASSERT_TRUE(driver.OpenRequest("/headers"));
+  EXPECT_TRUE(driver.AddHeader("X-One: 1", HTTP_ADDREQ_FLAG_REPLACE).ok); // missing: added
+  EXPECT_EQ(driver.AddHeader("X-Two:", HTTP_ADDREQ_FLAG_REPLACE).error,
+            static_cast<DWORD>(ERROR_HTTP_HEADER_NOT_FOUND)); // removing what is not there
+  EXPECT_TRUE(driver.AddHeader("X-Two: a", HTTP_ADDREQ_FLAG_ADD).ok);
+  EXPECT_TRUE(driver.AddHeader("X-Two: b", HTTP_ADDREQ_FLAG_ADD | HTTP_ADDREQ_FLAG_COALESCE_WITH_COMMA).ok);
+  EXPECT_EQ(driver.AddHeader("X-Two: c", HTTP_ADDREQ_FLAG_ADD_IF_NEW).error,
+            static_cast<DWORD>(ERROR_HTTP_HEADER_ALREADY_EXISTS));
+  EXPECT_TRUE(driver.AddHeader("X-Three: 3\r\nX-Four: 4", HTTP_ADDREQ_FLAG_ADD).ok);
+  EXPECT_TRUE(driver.AddHeader("x-three:", HTTP_ADDREQ_FLAG_REPLACE).ok); // names in any case
+  EXPECT_TRUE(driver.AddHeader("X-One: 11", HTTP_ADDREQ_FLAG_REPLACE).ok);
+  EXPECT_EQ(driver.AddHeader("no colon", HTTP_ADDREQ_FLAG_ADD).error, static_cast<DWORD>(ERROR_HTTP_INVALID_HEADER));
+  ASSERT_TRUE(driver.SendEx(0).ok);
+  EXPECT_EQ(driver.AddHeader("X-Late: 1", HTTP_ADDREQ_FLAG_ADD).error,
+            static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_STATE));
+  ASSERT_TRUE(driver.End().ok);
+
+  auto heads = server.Requests();
+  ASSERT_EQ(heads.size(), 1u);
+  EXPECT_EQ(heads[0].Header("X-One"), "11");
+  EXPECT_EQ(heads[0].Header("X-Two"), "a, b");
+  EXPECT_EQ(heads[0].Header("X-Three"), "");
+  EXPECT_EQ(heads[0].Header("X-Four"), "4");
+  EXPECT_EQ(heads[0].Header("Content-Length"), "0");
+  EXPECT_EQ(heads[0].Header("Expect"), "");
+  EXPECT_EQ(heads[0].Header("Transfer-Encoding"), "");
+}
+
+TEST(InetCallTest, CallsOutOfOrderFailAtOnce) {
+  RawServer server(RawServer::Answer("ok"));
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()) && driver.OpenRequest("/order"));
+  char buffer[8];
+  constexpr DWORD wrongState = ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  EXPECT_EQ(driver.Write("x", 1).error, wrongState);
+  EXPECT_EQ(driver.End().error, wrongState);
+  EXPECT_EQ(driver.Read(buffer, sizeof buffer).error, wrongState);
+  ASSERT_TRUE(driver.SendEx(4).ok);
+  EXPECT_EQ(driver.SendEx(4).error, wrongState);
+  EXPECT_EQ(driver.Read(buffer, sizeof buffer).error, wrongState);
+  EXPECT_EQ(driver.End().error, wrongState); // the body is not all there
+  EXPECT_EQ(driver.Write("12345", 5).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER)); // more than announced
+  EXPECT_TRUE(driver.Write("1234", 4).ok);
+  EXPECT_TRUE(driver.End().ok);
+  std::string reply;
+  EXPECT_TRUE(driver.ReadAll(reply).ok);
+  EXPECT_EQ(reply, "ok");
+  // Wrong kinds of handle.
+  EXPECT_EQ(HttpOpenRequestA(driver.Root(), "POST", "/", nullptr, nullptr, nullptr, 0, 1), nullptr);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_TYPE));
+  EXPECT_FALSE(HttpEndRequestW(driver.Connection(), nullptr, 0, 1));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_TYPE));
+}
+
+TEST(InetCallTest, RequestsOnOneConnectionHandleShareOneTcpConnection) {
+  LoopbackServer server;
+  server.Start();
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
+  for (int i = 0; i < 20; ++i) {
+    std::string body = "request " + std::to_string(i);
+    std::string reply;
+    ASSERT_TRUE(driver.Post("/echo", body, reply).ok) << i;
+    EXPECT_EQ(reply, body);
+  }
+  EXPECT_EQ(server.Connections(), 1u);
+}
+
+TEST(InetCallTest, LargeBodiesStreamBothWays) {
+  LoopbackServer server;
+  server.Start();
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
+  constexpr std::size_t size = 48 * 1024 * 1024;
+
+  std::string reply;
+  ASSERT_TRUE(driver.Post("/discard", std::string(size, 'u'), reply).ok);
+  EXPECT_EQ(reply, std::to_string(size));
+
+  // The reply goes into one buffer of its full size, read in engine-sized windows.
+  ASSERT_TRUE(driver.OpenRequest("/bytes/" + std::to_string(size)));
+  ASSERT_TRUE(driver.SendEx(0).ok && driver.End().ok);
+  std::string body(size, '\0');
+  std::size_t total = 0;
+  for (;;) {
+    DWORD window = static_cast<DWORD>(std::min<std::size_t>(blockSize, size - total));
+    auto result = driver.Read(body.data() + total, window == 0 ? 1 : window);
+    ASSERT_TRUE(result.ok);
+    if (result.bytes == 0) break;
+    total += result.bytes;
+  }
+  EXPECT_EQ(total, size);
+  bool intact = true;
+  for (std::size_t i = 0; i < size && intact; i += 4099) intact = body[i] == static_cast<char>('0' + i % 10);
+  EXPECT_TRUE(intact);
+}
+
+} // namespace
+} // namespace QOR::inettest

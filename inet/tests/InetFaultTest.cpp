@@ -1,0 +1,224 @@
+// Servers that fail or stall: every failure reaches the caller with WinInet's code, nothing is
+// resent silently, and a close from another thread ends whatever call is pending.
+#include "InetDriver.h"
+#include "support/RawServer.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace QOR::inettest {
+namespace {
+
+using std::chrono::milliseconds;
+using test::BlackHole;
+using test::RawConnection;
+using test::RawServer;
+
+// Reads one request with its body; false when the client went away.
+bool TakeRequest(RawConnection& connection) {
+  RawConnection::Head head;
+  return connection.ReadHead(head) && connection.ReadBody(head.contentLength) == head.contentLength;
+}
+
+// The step of a request at which a close from another thread comes.
+enum class Stuck { Connecting, Writing, Ending, Reading };
+
+struct CancelCase {
+  const char* name;
+  Stuck stuck;
+};
+
+class CloseCancelsTest : public testing::TestWithParam<CancelCase> {};
+
+// Brings a request to the stuck step and leaves that call pending.
+void RunUntilStuck(InetDriver& driver, Stuck stuck, std::string& body) {
+  ASSERT_TRUE(driver.OpenRequest("/stuck"));
+  driver.AddContentType();
+  if (stuck == Stuck::Connecting) {
+    ASSERT_TRUE(driver.SendEx(300, false).pending);
+    return;
+  }
+  body.assign(stuck == Stuck::Writing ? 256 * 1024 * 1024 : 300, 'w');
+  ASSERT_TRUE(driver.SendEx(static_cast<DWORD>(body.size())).ok);
+  if (stuck == Stuck::Writing) {
+    // The server reads nothing: once the socket buffers are full a write stays pending.
+    for (std::size_t done = 0;; done += 4 * 1024 * 1024) {
+      ASSERT_LT(done, body.size());
+      auto result = driver.Write(body.data() + done, 4 * 1024 * 1024, false);
+      ASSERT_TRUE(result.ok || result.pending);
+      if (result.pending && !driver.Wait().completed) return;
+    }
+  }
+  ASSERT_TRUE(driver.WriteAll(body).ok);
+  if (stuck == Stuck::Ending) {
+    ASSERT_TRUE(driver.End(false).pending);
+    return;
+  }
+  ASSERT_TRUE(driver.End().ok);
+  static char buffer[blockSize];
+  ASSERT_TRUE(driver.Read(buffer, sizeof buffer, false).pending);
+}
+
+TEST_P(CloseCancelsTest, WithinASecondThenHandleClosing) {
+  Stuck stuck = GetParam().stuck;
+  std::unique_ptr<BlackHole> hole;
+  std::unique_ptr<RawServer> server;
+  std::string address;
+  if (stuck == Stuck::Connecting) {
+    hole = std::make_unique<BlackHole>();
+    address = hole->HostPort();
+  } else {
+    server = std::make_unique<RawServer>([stuck](RawConnection& connection) {
+      RawConnection::Head head;
+      if (!connection.ReadHead(head)) return;
+      if (stuck == Stuck::Writing) {
+        connection.Hold(milliseconds(60000));
+        return;
+      }
+      connection.ReadBody(head.contentLength);
+      if (stuck == Stuck::Reading) connection.Send(RawServer::ResponseHead(200, "OK", 100000) + "partial");
+      connection.Hold(milliseconds(60000));
+    });
+    address = server->HostPort();
+  }
+  InetDriver driver;
+  driver.SetWaits(milliseconds(300), milliseconds(3000));
+  ASSERT_TRUE(driver.Open() && driver.Connect(address));
+  std::string body;
+  RunUntilStuck(driver, stuck, body);
+  if (HasFatalFailure()) return;
+
+  HINTERNET request = driver.Request();
+  std::this_thread::sleep_for(milliseconds(200)); // stuck for good: its progress reports are in
+  std::size_t notesBefore = driver.Notes().size();
+  auto closeStart = std::chrono::steady_clock::now();
+  std::thread closer([&] { EXPECT_TRUE(driver.CloseHandleOnly(request)); });
+  closer.join();
+  auto closeReturned = std::chrono::steady_clock::now();
+  driver.SetWaits(milliseconds(1000), milliseconds(1000));
+  auto result = driver.Wait();
+  EXPECT_TRUE(result.completed);
+  EXPECT_EQ(result.error, static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+  EXPECT_TRUE(driver.WaitClosing(request, 0, milliseconds(1000)));
+  EXPECT_LT(closeReturned - closeStart, milliseconds(100));
+
+  // After the close: REQUEST_COMPLETE, then HANDLE_CLOSING, both within the second, nothing more.
+  auto notes = driver.Notes();
+  std::vector<DWORD> after;
+  for (std::size_t i = notesBefore; i < notes.size(); ++i) {
+    if (notes[i].handle != request) continue;
+    after.push_back(notes[i].status);
+    EXPECT_LT(notes[i].when - closeStart, milliseconds(1000));
+  }
+  EXPECT_EQ(after, (std::vector<DWORD>{INTERNET_STATUS_REQUEST_COMPLETE, INTERNET_STATUS_HANDLE_CLOSING}));
+  EXPECT_FALSE(driver.CallbackAfterClosing());
+
+  // The connection handle serves the next request as if nothing happened.
+  if (server) {
+    driver.SetWaits(milliseconds(5000), milliseconds(3000));
+    EXPECT_EQ(driver.End().error, static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_TYPE));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Steps, CloseCancelsTest,
+                         testing::Values(CancelCase{"Connecting", Stuck::Connecting},
+                                         CancelCase{"Writing", Stuck::Writing}, CancelCase{"Ending", Stuck::Ending},
+                                         CancelCase{"Reading", Stuck::Reading}),
+                         [](const testing::TestParamInfo<CancelCase>& info) { return info.param.name; });
+
+TEST(InetFaultTest, ResetsAreConnectionResetWhetherSendingOrReading) {
+  RawServer sending([](RawConnection& connection) {
+    RawConnection::Head head;
+    if (connection.ReadHead(head)) connection.ReadBody(64 * 1024);
+    connection.Reset();
+  });
+  RawServer replying([](RawConnection& connection) {
+    if (!TakeRequest(connection)) return;
+    connection.Send(RawServer::ResponseHead(200, "OK", 100000) + std::string(1000, 'r'));
+    connection.Hold(milliseconds(100));
+    connection.Reset();
+  });
+
+  InetDriver upload;
+  ASSERT_TRUE(upload.Open() && upload.Connect(sending.HostPort()) && upload.OpenRequest("/reset"));
+  std::string body(64 * 1024 * 1024, 'x');
+  ASSERT_TRUE(upload.SendEx(static_cast<DWORD>(body.size())).ok);
+  auto written = upload.WriteAll(body);
+  auto failure = written.ok ? upload.End() : written;
+  EXPECT_FALSE(failure.ok);
+  EXPECT_EQ(failure.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
+
+  InetDriver download;
+  ASSERT_TRUE(download.Open() && download.Connect(replying.HostPort()));
+  std::string reply;
+  auto read = download.Post("/reset", "x", reply);
+  EXPECT_FALSE(read.ok);
+  EXPECT_EQ(read.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
+}
+
+TEST(InetFaultTest, FailureAfterTheBodyWasLentIsReportedNotResent) {
+  // The first request is answered; the kept-alive connection then dies in the middle of the
+  // second request's body.
+  RawServer server([](RawConnection& connection) {
+    if (!TakeRequest(connection) || !connection.Send(RawServer::Response(200, "OK", "first"))) return;
+    RawConnection::Head head;
+    if (connection.ReadHead(head)) connection.ReadBody(1000);
+    connection.Reset();
+  });
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
+  std::string reply;
+  ASSERT_TRUE(driver.Post("/first", "x", reply).ok);
+  auto second = driver.Post("/second", std::string(8 * 1024 * 1024, 'y'), reply);
+  EXPECT_FALSE(second.ok);
+  EXPECT_EQ(second.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
+  // libcurl may connect afresh to try again, but cannot replay a lent body: no third request.
+  auto heads = server.Requests();
+  ASSERT_EQ(heads.size(), 2u);
+  EXPECT_EQ(heads[1].connection, 1);
+}
+
+TEST(InetFaultTest, ConnectTimeOutOptionEndsAConnectThatIsNeverAnswered) {
+  BlackHole hole;
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open());
+  DWORD timeout = 300;
+  ASSERT_TRUE(InternetSetOptionW(driver.Root(), INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout));
+  EXPECT_FALSE(InternetSetOptionW(driver.Root(), 6, &timeout, sizeof timeout));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INVALID_OPTION));
+  ASSERT_TRUE(driver.Connect(hole.HostPort()) && driver.OpenRequest("/late"));
+  auto start = std::chrono::steady_clock::now();
+  auto sent = driver.SendEx(1);
+  EXPECT_EQ(sent.error, static_cast<DWORD>(ERROR_INTERNET_TIMEOUT));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(3000));
+}
+
+TEST(InetFaultTest, ClosingTheRootEndsEverythingUnderIt) {
+  RawServer server([](RawConnection& connection) {
+    if (TakeRequest(connection)) connection.Hold(milliseconds(60000));
+  });
+  InetDriver driver;
+  driver.SetWaits(milliseconds(200), milliseconds(1000));
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()) && driver.OpenRequest("/stall"));
+  ASSERT_TRUE(driver.SendEx(1).ok && driver.Write("x", 1).ok);
+  ASSERT_TRUE(driver.End(false).pending);
+  HINTERNET request = driver.Request();
+  HINTERNET connection = driver.Connection();
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(driver.CloseHandleOnly(driver.Root()));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
+  // The loop thread is gone: everything was reported before the close returned.
+  for (HINTERNET handle : {request, connection}) {
+    auto statuses = driver.StatusesOf(handle);
+    ASSERT_FALSE(statuses.empty());
+    EXPECT_EQ(statuses.back(), static_cast<DWORD>(INTERNET_STATUS_HANDLE_CLOSING));
+  }
+  EXPECT_EQ(driver.ClosingsOf(request), 1);
+  EXPECT_EQ(driver.ClosingsOf(connection), 1);
+  EXPECT_EQ(driver.Wait().error, static_cast<DWORD>(ERROR_INTERNET_OPERATION_CANCELLED));
+  EXPECT_FALSE(driver.CallbackAfterClosing());
+}
+
+} // namespace
+} // namespace QOR::inettest

@@ -1,0 +1,239 @@
+// The recorded call sequences, run natively: libqorinet must give WinInet's trace call for call,
+// and where Wine falls short of Windows, the behaviour Windows documents.
+#include "ScenarioServers.h"
+#include "TraceSteps.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace QOR::inettest {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class InetScenarioTest : public testing::Test {
+protected:
+  static void SetUpTestSuite() {
+    // Servers that stall hold for 30 s: a request that is cut short was cut by the close.
+    servers = new ScenarioServers(30000);
+    TrustCertificate(servers->Pki().CaFile(), servers->Pki().CaDerFile());
+  }
+  static void TearDownTestSuite() {
+    delete servers;
+    ForgetTrustedCertificate();
+  }
+  static Lines Run(const std::string& name) { return CanonicalLines(RunScenario(name, servers->Config())); }
+  static ScenarioServers* servers;
+};
+
+ScenarioServers* InetScenarioTest::servers = nullptr;
+
+// True when `part` occurs in `lines` as consecutive lines.
+bool HasRun(const Lines& lines, const Lines& part) {
+  return std::search(lines.begin(), lines.end(), part.begin(), part.end()) != lines.end();
+}
+
+std::string Show(const Lines& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
+const Lines opening = {
+    "InternetOpenW -> root",
+    "InternetSetStatusCallbackW -> NULL",
+    "InternetConnectW(127.0.0.1) -> conn",
+    "  C 60 conn",
+};
+const Lines closing = {
+    "InternetCloseHandle(conn) -> TRUE",
+    "  70 conn",
+    "InternetSetStatusCallbackW(NULL) -> done",
+    "InternetCloseHandle(root) -> TRUE",
+};
+
+Lines Join(std::initializer_list<Lines> parts) {
+  Lines all;
+  for (const Lines& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
+TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
+  Lines expected = Join({opening,
+                         {
+                             "HttpOpenRequestA(POST /path) -> req",
+                             "  C 60 req",
+                             "HttpAddRequestHeadersW(REPLACE) -> TRUE",
+                             "HttpSendRequestExW(300) -> pending",
+                             "  W 10 \"127.0.0.1\"",
+                             "  W 11 \"127.0.0.1\"",
+                             "  W 20",
+                             "  W 21 \"127.0.0.1\"",
+                             "  W 30",
+                             "  W 31 651",
+                             "  W 100 (1,0)",
+                             "InternetWriteFile(300) -> 300",
+                             "HttpEndRequestW -> pending",
+                             "  W 40",
+                             "  W 41 16",
+                             "  W 100 (1,0)",
+                             "InternetReadFileExA(102400) -> 120",
+                             "InternetReadFileExA(102280) -> 0",
+                             "InternetCloseHandle(req) -> TRUE",
+                             "  70 req",
+                             // The second request finds the connection in the pool.
+                             "HttpOpenRequestA(POST php/SafeTrace.php) -> req",
+                             "  C 60 req",
+                             "HttpAddRequestHeadersW(REPLACE) -> TRUE",
+                             "HttpSendRequestExW(300) -> pending",
+                             "  W 30",
+                             "  W 31 664",
+                             "  W 100 (1,0)",
+                             "InternetWriteFile(300) -> 300",
+                             "HttpEndRequestW -> pending",
+                             "  W 40",
+                             "  W 41 16",
+                             "  W 100 (1,0)",
+                             "InternetReadFileExA(102400) -> 120",
+                             "InternetReadFileExA(102280) -> 0",
+                             "InternetCloseHandle(req) -> TRUE",
+                             "  70 req",
+                         },
+                         closing});
+  EXPECT_EQ(Run("normal"), expected);
+
+  const test::RawServer& server = servers->Raw("answer");
+  EXPECT_EQ(server.Connections(), 1);
+  auto heads = server.Requests();
+  ASSERT_EQ(heads.size(), 2u);
+  EXPECT_EQ(heads[0].requestLine, "POST /path HTTP/1.1");
+  EXPECT_EQ(heads[1].requestLine, "POST /php/SafeTrace.php HTTP/1.1");
+  std::vector<std::string> names;
+  for (const auto& header : heads[0].headers) names.push_back(header.first);
+  EXPECT_EQ(names, (std::vector<std::string>{"Referer", "Accept", "Content-Type", "Host", "Content-Length",
+                                              "User-Agent", "Cache-Control", "Connection"}));
+  EXPECT_EQ(heads[0].Header("Content-Type"), "multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p");
+  EXPECT_EQ(heads[0].Header("Host"), servers->Config().servers.at("answer"));
+  EXPECT_EQ(heads[0].Header("Content-Length"), "300");
+  EXPECT_EQ(heads[0].Header("User-Agent"), "qorinet-test");
+  EXPECT_EQ(heads[0].Header("Cache-Control"), "no-cache");
+  EXPECT_EQ(heads[0].Header("Connection"), "Keep-Alive");
+  EXPECT_EQ(heads[0].Header("Accept").substr(0, 22), "image/gif, image/x-xbi");
+  EXPECT_EQ(heads[0].headBytes, 651u);
+}
+
+TEST_F(InetScenarioTest, FailedSendCompletesWithItsErrorAndTheEndWithCancelled) {
+  for (auto [name, host, steps] : {std::tuple<const char*, const char*, Lines>{
+                                       "refused", "127.0.0.1",
+                                       {"  W 10 \"127.0.0.1\"", "  W 11 \"127.0.0.1\"", "  W 20", "  W 100 (0,12029)"}},
+                                   {"nohost", "no-such-host.invalid",
+                                    {"  W 10 \"no-such-host.invalid\"", "  W 100 (0,12007)"}}}) {
+    Lines expected = {"InternetOpenW -> root", "InternetSetStatusCallbackW -> NULL",
+                      "InternetConnectW(" + std::string(host) + ") -> conn", "  C 60 conn",
+                      "HttpOpenRequestA(POST /path) -> req", "  C 60 req", "HttpAddRequestHeadersW(REPLACE) -> TRUE",
+                      "HttpSendRequestExW(300) -> pending"};
+    expected.insert(expected.end(), steps.begin(), steps.end());
+    expected = Join({expected,
+                     {"HttpEndRequestW -> pending", "  W 100 (0,12017)", "InternetCloseHandle(req) -> TRUE", "  70 req"},
+                     closing});
+    EXPECT_EQ(Run(name), expected) << name;
+  }
+}
+
+TEST_F(InetScenarioTest, DeadHandlesFailAtOnceWithWinInetCodes) {
+  Lines trace = Run("handles");
+  EXPECT_TRUE(HasRun(trace, {
+                                "InternetCloseHandle(req) -> TRUE",
+                                "  70 req",
+                                "InternetCloseHandle(req) -> FALSE 6",
+                                "HttpAddRequestHeadersW(REPLACE) -> FALSE 12018",
+                                "HttpSendRequestExW(300) -> FALSE 12018",
+                                "InternetWriteFile(16) -> error 6",
+                                "HttpEndRequestW -> FALSE 12018",
+                                "InternetReadFileExA(16) -> error 6",
+                                "InternetCloseHandle(NULL) -> FALSE 6",
+                                "HttpOpenRequestA(POST /after) -> req",
+                            }))
+      << Show(trace);
+  EXPECT_TRUE(HasRun(trace, {"InternetCloseHandle(conn) -> TRUE", "  70 conn", "InternetCloseHandle(conn) -> FALSE 6"}))
+      << Show(trace);
+}
+
+TEST_F(InetScenarioTest, BodiesStreamBothWaysWhateverTheStatus) {
+  Lines upload = Run("bigpost");
+  EXPECT_EQ(std::count(upload.begin(), upload.end(), "InternetWriteFile(102400) -> 102400"), 51);
+  EXPECT_TRUE(HasRun(upload, {"InternetWriteFile(20480) -> 20480", "HttpEndRequestW -> pending"})) << Show(upload);
+
+  Lines download = Run("bigreply");
+  EXPECT_EQ(std::count(download.begin(), download.end(), "InternetReadFileExA(102400) -> 102400"), 10);
+  EXPECT_TRUE(HasRun(download, {"InternetReadFileExA(102400) -> 24576", "InternetReadFileExA(77824) -> 0"}))
+      << Show(download);
+
+  Lines trickle = Run("trickle");
+  EXPECT_EQ(std::count(trickle.begin(), trickle.end(), "InternetReadFileExA(102400) -> 102400"), 10);
+
+  EXPECT_TRUE(HasRun(Run("emptyreply"), {"  W 100 (1,0)", "InternetReadFileExA(102400) -> 0",
+                                         "InternetCloseHandle(req) -> TRUE"}));
+  Lines missing = Run("notfound");
+  EXPECT_TRUE(HasRun(missing, {"  W 41 23", "  W 100 (1,0)", "InternetReadFileExA(102400) -> 18",
+                               "InternetReadFileExA(102382) -> 0"}))
+      << Show(missing);
+}
+
+TEST_F(InetScenarioTest, ShortOrMissingRepliesAreErrorsNotQuietEnds) {
+  Lines cut = Run("midclose");
+  EXPECT_TRUE(HasRun(cut, {"InternetReadFileExA(102400) -> 4000", "InternetReadFileExA(98400) -> error 12030",
+                           "InternetCloseHandle(req) -> TRUE"}))
+      << Show(cut);
+  Lines silent = Run("noreply");
+  EXPECT_TRUE(HasRun(silent, {"HttpEndRequestW -> pending", "  W 40", "  W 100 (0,12152)",
+                              "InternetCloseHandle(req) -> TRUE"}))
+      << Show(silent);
+}
+
+TEST_F(InetScenarioTest, CloseDuringAPendingCallCancelsItPromptly) {
+  for (const char* name : {"close-in-end", "close-in-read"}) {
+    auto start = std::chrono::steady_clock::now();
+    Lines trace = Run(name);
+    // The scenario closes after 0.5 s; the server would hold for 30 s.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500)) << name;
+    EXPECT_TRUE(HasRun(trace, {"InternetCloseHandle(req) -> TRUE", "  W 100 (0,12017)", "  70 req",
+                               "InternetCloseHandle(req) -> FALSE 6"}))
+        << name << "\n"
+        << Show(trace);
+  }
+}
+
+TEST_F(InetScenarioTest, DroppedPooledConnectionIsReplacedSilently) {
+  Lines trace = Run("stale");
+  EXPECT_TRUE(HasRun(trace, {"HttpOpenRequestA(POST /second) -> req", "  C 60 req",
+                             "HttpAddRequestHeadersW(REPLACE) -> TRUE", "HttpSendRequestExW(300) -> pending", "  W 20",
+                             "  W 21 \"127.0.0.1\"", "  W 30", "  W 31 653", "  W 100 (1,0)",
+                             "InternetWriteFile(300) -> 300"}))
+      << Show(trace);
+  EXPECT_EQ(std::count(trace.begin(), trace.end(), "InternetReadFileExA(102400) -> 120"), 2);
+  EXPECT_EQ(servers->Raw("stale").Connections(), 2);
+}
+
+TEST_F(InetScenarioTest, CertificateVerdictsMapToWinInetCodes) {
+  for (auto [name, code] : {std::pair<const char*, const char*>{"https-untrusted", "12045"},
+                            {"https-wrongname", "12038"},
+                            {"https-expired", "12037"}}) {
+    Lines trace = Run(name);
+    EXPECT_TRUE(HasRun(trace, {"  W 21 \"127.0.0.1\"", std::string("  W 100 (0,") + code + ")",
+                               "HttpEndRequestW -> pending", "  W 100 (0,12017)"}))
+        << name << "\n"
+        << Show(trace);
+  }
+  for (const char* name : {"https-trusted", "https-wrongname-ignored"}) {
+    Lines trace = Run(name);
+    EXPECT_TRUE(HasRun(trace, {"InternetReadFileExA(102400) -> 300", "InternetReadFileExA(102100) -> 0"}))
+        << name << "\n"
+        << Show(trace);
+  }
+}
+
+} // namespace
+} // namespace QOR::inettest
