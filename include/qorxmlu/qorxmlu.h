@@ -20,6 +20,9 @@
 #include <qorxmlu/foundation/FormatableTextFile.h>
 #include <qorxmlu/foundation/Encoding.h>
 #include <qorxmlu/foundation/Utility.h>
+#include <qorxmlu/xml/XMLAttr.h>
+#include <qorxmlu/xml/XMLTag.h>
+#include <qorxmlu/xml/XML.h>
 #include <qorxmlu/http/HttpClientBase.h>
 #include <qorxmlu/http/HttpClientImpInterface.h>
 #include <qorxmlu/http/HttpClient.h>

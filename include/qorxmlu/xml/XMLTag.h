@@ -1,0 +1,150 @@
+// A node of a document tree: a name, one value, one comment, attributes and nested tags.
+//
+// Tags exist only inside a tree owned by an XML document: they are made by the XML constructors,
+// the NestTag family and the reader, never by the host. A tag owns its nested tags; every
+// XMLTag* handed out is borrowed and stays valid until that tag or one of its ancestors is
+// removed, replaced or destroyed. No operation re-parents a tag.
+//
+// The tree holds no lock: one document is used by one thread at a time. Attribute lists are shared
+// copy-on-write between a tag and its copies, so copies of a document may live on other threads.
+// Every walk over a tree (copy, search, destruction) runs in a loop, so depth never exhausts the
+// stack.
+//
+// Indices of the attribute operations, MoveNestedTag and ReplaceNestedTag are limits for the
+// caller. One out of range is passed over (a Get gives an empty text), but nothing else about it
+// is promised.
+#pragma once
+
+#include <qorxmlu/Export.h>
+#include <qorxmlu/foundation/SVArray.h>
+#include <qorxmlu/foundation/String.h>
+#include <qorxmlu/foundation/VArray.h>
+#include <qorxmlu/xml/XMLAttr.h>
+
+#include <cstddef>
+
+namespace QOR {
+
+namespace detail {
+class XMLTagAccess;
+}
+
+class QORXMLU_API XMLTag {
+public:
+  XMLTag(const XMLTag&) = delete;
+  XMLTag& operator=(const XMLTag&) = delete;
+  // Destroys the tag and its whole subtree. It does not unlink the tag from its parent: a nested
+  // tag is ended with Remove().
+  ~XMLTag();
+
+  // Copies of the fields.
+  String GetName() const { return name; }
+  String GetValue() const { return value; }
+  String GetComment() const { return comment; }
+
+  std::size_t NoOfAttributes() const { return attributes.Size(); }
+  std::size_t NoOfNestedTags() const { return nestedTags.Size(); }
+  // The name or value of the attribute at that position (below NoOfAttributes()).
+  String GetAttrName(std::size_t index) const;
+  String GetAttrVal(std::size_t index) const;
+  // The nested tag at that index, or null when the index is not below NoOfNestedTags().
+  XMLTag* GetNestedTag(std::size_t index) const;
+
+  // Assign the field as given, with no trimming.
+  void SetName(String text) { name = std::move(text); }
+  void SetValue(String text) { value = std::move(text); }
+  // Sets the tag's one comment; a second call replaces the first.
+  void AddComment(String text) { comment = std::move(text); }
+
+  // Appends an attribute, without looking for one of that name, and returns this tag for chaining.
+  XMLTag* AddAttr(String attrName, String attrValue);
+  // Assign the name or value of the attribute at that position.
+  void SetAttrName(std::size_t index, String text);
+  void SetAttrValue(std::size_t index, String text);
+  // Destroys the attribute at that position; later ones move down one place.
+  void RemoveAttr(std::size_t index);
+
+  // Convert the value into the argument; the value stays as it is. A value that is no number
+  // leaves the argument alone.
+  void operator>>(int& number) const { value >> number; }
+  void operator>>(unsigned int& number) const { value >> number; }
+  void operator>>(long& number) const { value >> number; }
+  void operator>>(double& number) const { value >> number; }
+  void operator>>(String& text) const { text = value; }
+  // True only when the value is the word "yes".
+  void operator>>(bool& flag) const;
+
+  // Replace the value with the number in plain decimal.
+  void operator<<(const int& number);
+  void operator<<(const unsigned int& number);
+  void operator<<(const long& number);
+  // Replaces the value with the number: at least one whole digit, up to 15 decimals, no trailing
+  // zeros.
+  void operator<<(const double& number);
+  // Replace the value with the text, untrimmed.
+  void operator<<(const String& text) { value = text; }
+  void operator<<(const wchar_t* text) { value = String(text); }
+  void operator<<(const char16_t* text) { value = String(text); }
+  // Replaces the value with "yes" or "no".
+  void operator<<(const bool& flag);
+  // 8-bit text would silently become a bool: say which text type is meant.
+  void operator<<(const char* text) = delete;
+
+  // Appends a new tag with the name and the value (trimmed), and an attribute if attrName is not
+  // empty. Returns the new tag.
+  XMLTag* NestTag(String tagName, String tagValue, String attrName, String attrValue);
+  XMLTag* NestTag(String tagName, String tagValue);
+  XMLTag* NestTag(String tagName);
+  // Appends a deep copy of source (not null) as it stands before the call; source may be this tag
+  // or one of its descendants. Returns the copy.
+  XMLTag* NestTag(XMLTag* source);
+  // Inserts a new tag with that name before the entry at index; an index at or beyond the end
+  // appends. Returns the new tag.
+  XMLTag* NestTagBeforeIndex(String tagName, std::size_t index);
+
+  // The first direct nested tag whose name, value, or attribute at position attrIndex equals the
+  // text, or null. On a hit its index goes to *index if index is not null; on a miss *index stays.
+  // FindNestedTagOnAttrValue requires every nested tag it reaches to have that attribute position.
+  XMLTag* FindNestedTag(String tagName, std::size_t* index = nullptr) const;
+  XMLTag* FindNestedTagOnValue(String tagValue, std::size_t* index = nullptr) const;
+  XMLTag* FindNestedTagOnAttrValue(String attrValue, int attrIndex, std::size_t* index = nullptr) const;
+
+  // True if tag is nested in this tag at any depth (a tag is not its own parent). Only pointers are
+  // compared: tag is never followed.
+  bool IsParentOf(XMLTag* tag) const;
+  // Answers true for every argument and looks at neither tag. Kept for hosts that call it; use
+  // IsParentOf for a real answer.
+  bool IsChildOf(XMLTag* tag) const;
+
+  // Moves the nested tag at from to stand before the entry that is at to before the move (to at or
+  // beyond the end: last). With A B C D, (0, 2) gives B A C D and (3, 0) gives D A B C.
+  void MoveNestedTag(std::size_t from, std::size_t to);
+  // Puts the nested tag at from in the place of the one at to, which is destroyed; the indices
+  // must be valid and differ. With A B C D, (0, 2) gives B A D.
+  void ReplaceNestedTag(std::size_t from, std::size_t to);
+  // A nested tag: unlinks and destroys it with its subtree, so this pointer is dead afterwards.
+  // A top tag: destroys its nested tags and attributes and keeps its name, value and comment.
+  void Remove();
+
+private:
+  friend class detail::XMLTagAccess;
+
+  explicit XMLTag(XMLTag* owner) : parent(owner) {}
+  XMLTag(XMLTag* owner, String tagName);
+  XMLTag(XMLTag* owner, String tagName, String tagValue);
+  XMLTag(XMLTag* owner, String tagName, String tagValue, String attrName, String attrValue);
+
+  // Destroys every tag below this one, leaving nestedTags empty.
+  void DestroyNestedTags() noexcept;
+  // A deep copy of source under owner; the attribute lists are shared.
+  static XMLTag* CopyTag(const XMLTag& source, XMLTag* owner);
+
+  XMLTag* parent;
+  String name;
+  String value;
+  String comment;
+  VArray<XMLAttr> attributes;
+  SVArray<XMLTag*> nestedTags;
+};
+
+} // namespace QOR

@@ -1,0 +1,227 @@
+// The writer: GetText and Write. One walk over the tree in a loop; the format has no escapes, so
+// every name, value and comment goes out as it stands.
+//
+// The walk is written once for any output: a counter that sizes the text first, so that the
+// String is allocated once, and the String itself. A file is written in blocks as the text grows,
+// so neither the whole text nor its encoded bytes are ever held at once.
+#include <qorxmlu/xml/XML.h>
+
+#include "xml/XMLTagAccess.h"
+
+#include <string_view>
+#include <vector>
+
+namespace QOR {
+
+using detail::XMLTagAccess;
+
+namespace {
+
+using View = std::u16string_view;
+
+// Stands for a line end inside the value of a tag with nested tags.
+constexpr View crlfMarker = u"[crlf]";
+constexpr View prolog = u"<?xml version=\"1.0\"?>";
+
+// The line end, as the foundation's manipulator writes it.
+const String& LineEnd() {
+  static const String lineEnd = [] {
+    String text;
+    text << newline;
+    return text;
+  }();
+  return lineEnd;
+}
+
+// Appends to a String.
+class TextOutput {
+public:
+  explicit TextOutput(String& text) : text(text.Std()) {}
+  void Put(View part) { text.append(part); }
+  void Put(char16_t unit) { text.push_back(unit); }
+  void Indent(std::size_t level) { text.append(level, u'\t'); }
+  void EndLine() { text.append(LineEnd().View()); }
+  std::u16string& Text() { return text; }
+
+private:
+  std::u16string& text;
+};
+
+// Counts what a TextOutput would append.
+class LengthCount {
+public:
+  void Put(View part) { length += part.size(); }
+  void Put(char16_t) { ++length; }
+  void Indent(std::size_t level) { length += level; }
+  void EndLine() { length += LineEnd().Len(); }
+  std::size_t Length() const { return length; }
+
+private:
+  std::size_t length = 0;
+};
+
+template <class Output>
+void PutCommentLine(Output& out, const XMLTag& tag, std::size_t level) {
+  out.Indent(level);
+  out.Put(u"<!-- ");
+  out.Put(XMLTagAccess::Comment(tag).View());
+  out.Put(u" -->");
+  out.EndLine();
+}
+
+// The value with every CR LF, then every remaining LF, replaced by the marker; a lone CR stays.
+template <class Output>
+void PutMarkedValue(Output& out, View value) {
+  std::size_t from = 0;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if (value[i] != u'\n') continue;
+    const bool pair = i > from && value[i - 1] == u'\r';
+    out.Put(value.substr(from, i - from - (pair ? 1 : 0)));
+    out.Put(crlfMarker);
+    from = i + 1;
+  }
+  out.Put(value.substr(from));
+}
+
+// Writes a tag's start line, or the whole tag if it has no nested tags. True when nested tags and
+// an end line are to follow.
+template <class Output>
+bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
+  if (!XMLTagAccess::Parent(tag)) {
+    out.Put(prolog);
+    out.EndLine();
+  }
+  const View name = XMLTagAccess::Name(tag).View();
+  const View value = XMLTagAccess::Value(tag).View();
+  const bool hasComment = !XMLTagAccess::Comment(tag).IsEmpty();
+  const bool hasNested = XMLTagAccess::NestedTags(tag).Size() != 0;
+
+  out.Indent(level);
+  out.Put(u'<');
+  out.Put(name);
+  const VArray<XMLAttr>& attributes = XMLTagAccess::Attributes(tag);
+  for (std::size_t i = 0; i < attributes.Size(); ++i) {
+    const XMLAttr& attr = attributes[i];
+    out.Put(u' ');
+    out.Put(attr.name.View());
+    out.Put(u"=\"");
+    out.Put(attr.value.View());
+    out.Put(u'"');
+  }
+  if (value.empty() && !hasNested) {
+    // The blank lets the reader end the name there; a comment has no place in this form.
+    out.Put(u" />");
+    out.EndLine();
+    return false;
+  }
+  out.Put(u'>');
+  if (!hasNested) {
+    out.Put(value);
+    out.Put(u"</");
+    out.Put(name);
+    out.Put(u'>');
+    out.EndLine();
+    if (hasComment) PutCommentLine(out, tag, level);
+    return false;
+  }
+  out.EndLine();
+  if (hasComment) PutCommentLine(out, tag, level);
+  if (!value.empty()) {
+    PutMarkedValue(out, value);
+    out.EndLine();
+  }
+  return true;
+}
+
+template <class Output>
+void PutClosing(Output& out, const XMLTag& tag, std::size_t level) {
+  out.Indent(level);
+  out.Put(u"</");
+  out.Put(XMLTagAccess::Name(tag).View());
+  out.Put(u'>');
+  out.EndLine();
+}
+
+// Puts the text of the tree under top; the open tags wait on a heap stack. After each line
+// group, drain may take the text written so far; it returns false to stop the walk.
+template <class Output, class Drain>
+void PutTree(Output& out, const XMLTag& top, Drain drain) {
+  struct Step {
+    const XMLTag* tag;
+    std::size_t next;
+  };
+  std::vector<Step> path;
+  if (PutOpening(out, top, 0)) path.push_back({&top, 0});
+  while (!path.empty()) {
+    if (!drain()) return;
+    const std::size_t level = path.size() - 1;
+    Step& step = path.back();
+    const SVArray<XMLTag*>& nested = XMLTagAccess::NestedTags(*step.tag);
+    if (step.next < nested.Size()) {
+      const XMLTag* child = nested[step.next++];
+      if (PutOpening(out, *child, level + 1)) path.push_back({child, 0});
+    } else {
+      PutClosing(out, *step.tag, level);
+      path.pop_back();
+    }
+  }
+}
+
+std::size_t TextLength(const XMLTag& top) {
+  LengthCount count;
+  PutTree(count, top, [] { return true; });
+  return count.Length();
+}
+
+// Appends the tree's text to a String sized for it beforehand.
+void AppendTree(String& text, const XMLTag& top) {
+  text.Reserve(text.Len() + TextLength(top));
+  TextOutput out(text);
+  PutTree(out, top, [] { return true; });
+}
+
+} // namespace
+
+String XML::GetText() const {
+  String text;
+  if (topTag) AppendTree(text, *topTag);
+  return text;
+}
+
+void XML::Write(FormatableTextFile& file) const {
+  if (!topTag) {
+    file.text << u"No top tag";
+    return;
+  }
+  // Written straight into the buffer; a failure takes back what this call added.
+  const std::size_t before = file.text.Len();
+  try {
+    AppendTree(file.text, *topTag);
+  } catch (...) {
+    file.text.Std().resize(before);
+    throw;
+  }
+}
+
+ErrorInfo* XML::Write(String path) const {
+  FormatableTextFile file(std::move(path));
+  if (ErrorInfo* error = file.Open(false)) return error;
+  ErrorInfo* flushError = nullptr;
+  if (!topTag) {
+    Write(file);
+  } else {
+    // Flushed whenever a block has gathered; the first failure ends the writing.
+    constexpr std::size_t block = 1 << 20;
+    file.text.Reserve(block + 4096);
+    TextOutput out(file.text);
+    PutTree(out, *topTag, [&] {
+      if (file.text.Len() < block) return true;
+      flushError = file.FlushFile(false, BaseFile::UTF8);
+      return flushError == nullptr;
+    });
+  }
+  if (!flushError) flushError = file.FlushFile(false, BaseFile::UTF8);
+  return SafeConcat(flushError, file.Close());
+}
+
+} // namespace QOR

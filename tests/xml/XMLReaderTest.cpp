@@ -1,0 +1,168 @@
+#include <qorxmlu/xml/XML.h>
+
+#include "support/TempDir.h"
+#include "xml/XMLTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace QOR {
+namespace {
+
+using test::Document;
+using test::Outcome;
+using test::Picture;
+
+const char* const attrValue = "Badly formed XML attribute value";
+const char* const missingEnd = "Missing end tag for XML data";
+const char* const badData = "Badly formed XML data";
+const char* const badName = "Badly formed XML tag name";
+const char* const badEnd = "Badly formed end tag in XML data";
+
+struct Case {
+  std::vector<const char16_t*> lines; // behind the prolog
+  const char* error;                  // "" for success
+  const char* tree;                   // the top tag afterwards
+};
+
+void Check(const Case& c) {
+  String text(u"<?xml version=\"1.0\"?>\r\n");
+  for (const char16_t* line : c.lines) text << line << u"\r\n";
+  SCOPED_TRACE(text.ToUtf8());
+  XML doc;
+  EXPECT_EQ(Outcome(doc.ReadText(text)), c.error);
+  EXPECT_EQ(Picture(doc), c.tree);
+}
+
+TEST(XMLReaderTest, StartLinesAndAttributes) {
+  const Case cases[] = {
+      {{u"<a/>"}, "", "a/"},
+      {{u"<a />"}, "", "a"},
+      {{u"\t<a\tb=\"c\" />  "}, "", "a(b=c)"},
+      {{u"<a b=\"c/d\" />"}, attrValue, "a"},
+      {{u"<a b=\"c>d\" />"}, attrValue, "a"},
+      {{u"<a b=c>x</a>"}, attrValue, "a"},
+      {{u"<a b='c\"d' e=\"f'g\">x</a>"}, "", "a(b=c\"d,e=f'g)[x]"},
+      {{u"<a b = \"c\">x</a>"}, "", "a(b =c)[x]"},
+      {{u"<a   b= junk 'c'  d=\"e\"/>"}, "", "a(b=c,d=e)"},
+      {{u"<a b>x</a>"}, "", "a[x]"},
+      {{u"<a b=\"c\" d>x</a>"}, "", "a(b=c)[x]"},
+      {{u"<a b=\"1\" / c=\"2\">x</a>"}, "", "a(b=1)[x]"},
+      {{u"<a b=\"1\" c=>x</a>"}, attrValue, "a(b=1)"},
+      {{u"<a>1<2</a>"}, "", "a[1<2]"},
+      {{u"<a>1>0 &amp; [crlf]</a>"}, "", "a[1>0 &amp; [crlf]]"},
+      {{u"<a> v </a>"}, "", "a[ v ]"},
+      {{u"<a></a>"}, "", "a"},
+      {{u"<a>x/>y</a>"}, "", "a"},
+      {{u"<a><b>x</b></a>"}, badEnd, "a"},
+      {{u"<a>x</ab>"}, badEnd, "a"},
+      {{u"<ab>x</a>"}, badEnd, "ab"},
+      {{u"<a </a>"}, "", "a"},
+      {{u"<a>x</a><b>y</b>"}, "", "a[x]"},
+      {{u"<Grüße 名=\"Ωmega\">Straße</Grüße>"}, "", "Grüße(名=Ωmega)[Straße]"},
+      {{u"</a>"}, "Badly placed tag end in XML data", ""},
+      {{u"< a>x</a>"}, badName, ""},
+      {{u"<>x"}, badName, ""},
+      {{u"a"}, "Missing tag start in XML data", ""},
+      {{u"<a"}, badData, ""},
+      {{u"> <a"}, badData, ""},
+  };
+  for (const Case& c : cases) Check(c);
+}
+
+TEST(XMLReaderTest, TagsOverSeveralLines) {
+  const Case cases[] = {
+      {{u"<a>", u"<b>x</b></a>"}, "", "a"},
+      {{u"<a>", u"<b>x</b>"}, badData, "a{b[x]}"},
+      {{u"<a>text", u"</a>"}, "", "a"},
+      {{u"<a>", u"  text  ", u"</a>"}, "", "a[  text  ]"},
+      {{u"<a>", u"x", u"y", u"</a>"}, missingEnd, "a[x]"},
+      {{u"<a>", u"<b />", u"text", u"</a>"}, "", "a[text]{b}"},
+      {{u"<a>", u"text", u"<b />", u"</a>"}, missingEnd, "a[text]"},
+      {{u"<a>", u"   ", u"<b />", u"</a>"}, missingEnd, "a[   ]"},
+      {{u"<a>", u"text"}, badData, "a[text]"},
+      {{u"<a>"}, badData, "a"},
+      {{u"<!DOCTYPE a>", u"<a />"}, badData, "!DOCTYPE{a}"},
+      {{u"<a>", u"<b>", u"</a>"}, "Badly placed tag end in XML data", "a"},
+      {{u"<a>", u"  </a> and more"}, "", "a"},
+      {{u"<a>", u"<b>x!--y</b>", u"", u"<!-- c -->", u"<c>", u"<d />", u"</c>", u"</a>", u"<<junk"},
+       "",
+       "a{c{d}}"},
+      {{u"<a>", u"<b k=\"1\" />", u"<c>", u"<d>x</d>", u"<e", u"</c>", u"</a>"}, badData, "a{b(k=1)}"},
+  };
+  for (const Case& c : cases) Check(c);
+}
+
+TEST(XMLReaderTest, PrologAndEmptyData) {
+  struct Prolog {
+    const char16_t* text;
+    const char* error;
+  } cases[] = {
+      {u"", "Empty XML data"},
+      {u"\r\n\r\n<!-- only -->\r\n<?xml version=\"1.0\"?>\r\n", "Empty XML data"},
+      {u"<?xml version=\"1.0\"?><a>x</a>", "Empty XML data"},
+      {u"<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<a />", ""},
+      {u"junk <?xml version=\"1.0\"?>\n<a />", ""},
+      {u"<?xml version=\"1.0\"?><b />\n<a />", ""},
+      {u"<?xml version='1.0'?>\n<a />", "Unrecognised XML version"},
+      {u"<?xml version=\"1.1\"?>\n<a />", "Unrecognised XML version"},
+      {u"<a>\n</a>", "Unrecognised XML version"},
+      {u"<?xml version=\"1.0\"?>\n  \n<a />", "Missing tag start in XML data"},
+  };
+  for (const Prolog& c : cases) {
+    XML doc;
+    EXPECT_EQ(Outcome(doc.ReadText(c.text)), c.error) << String(c.text).ToUtf8();
+  }
+}
+
+TEST(XMLReaderTest, AReadReplacesTheTreeButSparesTheTopTagsOwnFields) {
+  XML doc(u"old", u"old value", u"k", u"v");
+  doc.TopTag()->AddComment(u"kept");
+  doc.TopTag()->NestTag(u"gone");
+  XMLTag* top = doc.TopTag();
+  EXPECT_EQ(Outcome(doc.ReadText(Document({u"<new x=\"1\">", u"<n />", u"</new>"}))), "");
+  EXPECT_EQ(Picture(doc), "new(x=1)[old value]{n}");
+  EXPECT_EQ(doc.TopTag(), top);
+  EXPECT_EQ(top->GetComment(), String(u"kept"));
+  EXPECT_EQ(top->GetNestedTag(0)->GetComment(), String());
+
+  EXPECT_EQ(Outcome(doc.ReadText(Document({u"<a>"}))), badData);
+  EXPECT_EQ(Picture(doc), "a[old value]");
+  EXPECT_EQ(Outcome(doc.ReadText(u"nothing")), "Empty XML data");
+  EXPECT_EQ(Picture(doc), "a[old value]");
+}
+
+class XMLFileTest : public ::testing::Test {
+protected:
+  test::TempDir dir;
+};
+
+TEST_F(XMLFileTest, AFileReadsAsItsText) {
+  const std::string texts[] = {
+      "<?xml version=\"1.0\"?>\n<a k=\"Grüße\">\r\n\t<b>x</b>\n\n<!-- c -->\n</a>\n",
+      "\xEF\xBB\xBF<?xml version=\"1.0\"?>\r\n<a>\r\n\ttext \r\n</a>",
+      "<?xml version=\"1.0\"?>\n<a>\n<b>\n</a>\n",
+      "<?xml version=\"1.0\"?>\n",
+  };
+  for (const std::string& bytes : texts) {
+    XML fromFile, fromText;
+    const std::string fileOutcome = Outcome(fromFile.ReadFile(dir.Write("doc.xml", bytes)));
+    const std::string textOutcome = Outcome(fromText.ReadText(String::FromUtf8(bytes.substr(
+        bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0))));
+    EXPECT_EQ(fileOutcome, textOutcome) << bytes;
+    EXPECT_EQ(Picture(fromFile), Picture(fromText)) << bytes;
+  }
+}
+
+TEST_F(XMLFileTest, AMissingFileLeavesTheDocumentCleared) {
+  XML doc(u"name", u"value", u"k", u"v");
+  doc.TopTag()->NestTag(u"n");
+  ErrorInfo* error = doc.ReadFile(dir.File("missing.xml"));
+  ASSERT_NE(error, nullptr);
+  delete error;
+  EXPECT_EQ(Picture(doc), "name[value]");
+}
+
+} // namespace
+} // namespace QOR

@@ -1,0 +1,194 @@
+#include <qorxmlu/xml/XML.h>
+
+#include "xml/XMLTestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace QOR {
+namespace {
+
+using test::Picture;
+
+// A document whose top tag t holds A B C D.
+struct Abcd : ::testing::Test {
+  Abcd() {
+    for (const char16_t* name : {u"A", u"B", u"C", u"D"}) top->NestTag(name);
+  }
+  XML doc{u"t"};
+  XMLTag* top = doc.TopTag();
+};
+
+TEST(XMLTagTest, ValuesAreTrimmedOnlyWhenATagIsMade) {
+  XML doc(u"t");
+  XMLTag* tag = doc.TopTag()->NestTag(u"a", u"  v \t");
+  EXPECT_EQ(tag->GetValue(), String(u"v"));
+  tag->SetValue(u" w ");
+  EXPECT_EQ(tag->GetValue(), String(u" w "));
+  *tag << String(u" x ");
+  EXPECT_EQ(tag->GetValue(), String(u" x "));
+  *tag << u" y ";
+  EXPECT_EQ(tag->GetValue(), String(u" y "));
+}
+
+TEST(XMLTagTest, AttributesAreKeptAsGivenAndInOrder) {
+  XML doc(u"t");
+  XMLTag* top = doc.TopTag();
+  EXPECT_EQ(top->NestTag(u"a", u"", u"", u"value")->NoOfAttributes(), 0u);
+  top->AddAttr(u"", u"value")->AddAttr(u"k", u"1")->AddAttr(u"k", u"2");
+  EXPECT_EQ(Picture(doc), "t(=value,k=1,k=2){a}");
+  top->SetAttrName(0, u"n");
+  top->SetAttrValue(2, u"3");
+  top->RemoveAttr(1);
+  EXPECT_EQ(Picture(doc), "t(n=value,k=3){a}");
+  top->AddComment(u"one");
+  top->AddComment(u"two");
+  EXPECT_EQ(top->GetComment(), String(u"two"));
+}
+
+TEST(XMLTagTest, TypedValues) {
+  XML doc(u"t");
+  XMLTag& tag = *doc.TopTag();
+  bool flag = true;
+  for (const char16_t* word : {u"", u"no", u"Yes", u"true", u"1"}) {
+    tag.SetValue(word);
+    tag >> flag;
+    EXPECT_FALSE(flag) << String(word).ToUtf8();
+  }
+  tag << true;
+  tag >> flag;
+  EXPECT_TRUE(flag);
+  tag << false;
+  EXPECT_EQ(tag.GetValue(), String(u"no"));
+
+  tag << -42;
+  int i = 0;
+  tag >> i;
+  EXPECT_EQ(i, -42);
+  tag << 7u;
+  unsigned u = 0;
+  tag >> u;
+  EXPECT_EQ(u, 7u);
+  tag << 123456L;
+  long l = 0;
+  tag >> l;
+  EXPECT_EQ(l, 123456L);
+  tag.SetValue(u"no number");
+  tag >> l;
+  EXPECT_EQ(l, 123456L);
+  EXPECT_EQ(tag.GetValue(), String(u"no number"));
+
+  tag << 2.0;
+  EXPECT_EQ(tag.GetValue(), String(u"2"));
+  tag << -0.25;
+  EXPECT_EQ(tag.GetValue(), String(u"-0.25"));
+  double d = 0;
+  tag >> d;
+  EXPECT_EQ(d, -0.25);
+  String s;
+  tag >> s;
+  EXPECT_EQ(s, String(u"-0.25"));
+}
+
+TEST_F(Abcd, NestTagBeforeIndexInsertsOrAppends) {
+  top->NestTagBeforeIndex(u"X", 0);
+  top->NestTagBeforeIndex(u"Y", 99);
+  top->NestTagBeforeIndex(u"Z", 6);
+  EXPECT_EQ(Picture(doc), "t{X A B C D Y Z}");
+  XML empty(u"e");
+  empty.TopTag()->NestTagBeforeIndex(u"only", 0);
+  EXPECT_EQ(Picture(empty), "e{only}");
+}
+
+TEST_F(Abcd, FindTakesTheLowestDirectHitAndLeavesTheIndexOnAMiss) {
+  top->GetNestedTag(1)->SetName(u"A");
+  top->GetNestedTag(2)->SetValue(u"v");
+  top->GetNestedTag(3)->SetValue(u"v");
+  top->GetNestedTag(3)->NestTag(u"deep");
+  for (std::size_t i = 0; i < 4; ++i) top->GetNestedTag(i)->AddAttr(u"x", i == 2 ? u"hit" : u"miss");
+  std::size_t index = 77;
+  EXPECT_EQ(top->FindNestedTag(u"A", &index), top->GetNestedTag(0));
+  EXPECT_EQ(index, 0u);
+  EXPECT_EQ(top->FindNestedTagOnValue(u"v", &index), top->GetNestedTag(2));
+  EXPECT_EQ(index, 2u);
+  EXPECT_EQ(top->FindNestedTagOnAttrValue(u"hit", 0, &index), top->GetNestedTag(2));
+  index = 77;
+  EXPECT_EQ(top->FindNestedTag(u"deep", &index), nullptr);
+  EXPECT_EQ(top->FindNestedTagOnValue(u"none", &index), nullptr);
+  EXPECT_EQ(top->FindNestedTagOnAttrValue(u"hit", 1, &index), nullptr);
+  EXPECT_EQ(index, 77u);
+  EXPECT_NE(top->FindNestedTag(u"D"), nullptr);
+  EXPECT_EQ(top->GetNestedTag(4), nullptr);
+  EXPECT_EQ(top->GetNestedTag(3)->GetNestedTag(0)->GetNestedTag(0), nullptr);
+}
+
+TEST_F(Abcd, MoveAndReplaceCountIndicesBeforeTheMove) {
+  struct Case {
+    bool replace;
+    std::size_t from, to;
+    const char* result;
+  } cases[] = {
+      {false, 0, 2, "t{B A C D}"}, {false, 0, 4, "t{B C D A}"}, {false, 3, 0, "t{D A B C}"},
+      {false, 1, 1, "t{A B C D}"}, {false, 1, 2, "t{A B C D}"}, {true, 0, 2, "t{B A D}"},
+      {true, 3, 1, "t{A D C}"},
+  };
+  for (const Case& c : cases) {
+    XML copy(doc);
+    if (c.replace) copy.TopTag()->ReplaceNestedTag(c.from, c.to);
+    else copy.TopTag()->MoveNestedTag(c.from, c.to);
+    EXPECT_EQ(Picture(copy), c.result) << c.replace << c.from << c.to;
+  }
+}
+
+TEST_F(Abcd, RemoveUnlinksANestedTagAndClearsATopTag) {
+  top->GetNestedTag(1)->NestTag(u"under");
+  top->GetNestedTag(1)->Remove();
+  EXPECT_EQ(Picture(doc), "t{A C D}");
+  top->SetValue(u"v");
+  top->AddComment(u"c");
+  top->AddAttr(u"k", u"1");
+  top->Remove();
+  EXPECT_EQ(Picture(doc), "t[v]");
+  EXPECT_EQ(top->GetComment(), String(u"c"));
+  EXPECT_EQ(doc.TopTag(), top);
+}
+
+TEST_F(Abcd, IsParentOfLooksAtEveryDepth) {
+  XMLTag* b = top->GetNestedTag(1);
+  XMLTag* grandchild = b->NestTag(u"g")->NestTag(u"gg");
+  EXPECT_TRUE(top->IsParentOf(grandchild));
+  EXPECT_TRUE(b->IsParentOf(grandchild));
+  EXPECT_FALSE(top->GetNestedTag(0)->IsParentOf(grandchild));
+  EXPECT_FALSE(top->IsParentOf(top));
+  EXPECT_FALSE(b->IsParentOf(top));
+  EXPECT_FALSE(top->IsParentOf(nullptr));
+  EXPECT_TRUE(grandchild->IsChildOf(top));
+  EXPECT_TRUE(top->IsChildOf(grandchild));
+}
+
+TEST_F(Abcd, NestingACopyOfItselfTakesOneSnapshot) {
+  top->GetNestedTag(0)->NestTag(u"a1");
+  XMLTag* copy = top->NestTag(top);
+  EXPECT_EQ(Picture(doc), "t{A{a1} B C D t{A{a1} B C D}}");
+  copy->GetNestedTag(0)->NestTag(top->GetNestedTag(0));
+  EXPECT_EQ(Picture(*copy), "t{A{a1 A{a1}} B C D}");
+}
+
+TEST(XMLTagTest, CopiesShareNoAttributeChange) {
+  XML doc(u"t");
+  XMLTag* source = doc.TopTag()->NestTag(u"s");
+  source->AddAttr(u"a", u"1")->AddAttr(u"b", u"2");
+  XMLTag* copy = doc.TopTag()->NestTag(source);
+  copy->SetAttrValue(0, u"x");
+  copy->AddAttr(u"c", u"3");
+  EXPECT_EQ(Picture(*source), "s(a=1,b=2)");
+  source->RemoveAttr(1);
+  source->SetAttrName(0, u"n");
+  EXPECT_EQ(Picture(*source), "s(n=1)");
+  EXPECT_EQ(Picture(*copy), "s(a=x,b=2,c=3)");
+  XMLTag* third = doc.TopTag()->NestTag(copy);
+  third->Remove();
+  EXPECT_EQ(Picture(*copy), "s(a=x,b=2,c=3)");
+}
+
+} // namespace
+} // namespace QOR

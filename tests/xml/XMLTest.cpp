@@ -1,0 +1,94 @@
+#include <qorxmlu/xml/XML.h>
+
+#include "xml/XMLTestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace QOR {
+namespace {
+
+using test::Outcome;
+using test::Picture;
+
+// The application's version is process-wide: each test starts from the library's 1.
+class XMLVersionTest : public ::testing::Test {
+protected:
+  ~XMLVersionTest() override { XML::SetAppVersion(1); }
+};
+
+std::string Message(int found, const char* software, int handled) {
+  return "Sorry. A data file loaded by this application has been found to have a data version number of " +
+         std::to_string(found) + ". The " + software +
+         " software handles only data files of version number " + std::to_string(handled) +
+         " or less. You need to upgrade to the latest software. Please visit our web site. Program may "
+         "not be able to continue because of this error - ";
+}
+
+TEST_F(XMLVersionTest, ADocumentNewerThanTheApplicationIsRefused) {
+  XML doc(u"Data", u"", u"Version", u"2");
+  int version = 0;
+  EXPECT_EQ(Outcome(doc.CheckVersion(u"Stock", u"ignored", version)), Message(2, "Stock", 1));
+  EXPECT_EQ(version, 2);
+  XML::SetAppVersion(2);
+  EXPECT_EQ(Outcome(doc.CheckVersion(u"Stock", u"", version)), "");
+  EXPECT_EQ(version, 2);
+  doc.TopTag()->SetAttrValue(0, u"-3");
+  EXPECT_EQ(Outcome(doc.CheckVersion(u"Stock", u"", version)), "");
+  EXPECT_EQ(version, -3);
+}
+
+TEST_F(XMLVersionTest, OnlyTheFirstVersionOfTheTopTagCounts) {
+  XML doc(u"Data", u"", u"Version", u"1");
+  doc.TopTag()->AddAttr(u"Version", u"9");
+  doc.TopTag()->NestTag(u"Inner", u"", u"Version", u"9");
+  int version = 0;
+  EXPECT_EQ(Outcome(doc.CheckVersion(u"S", u"", version)), "");
+  EXPECT_EQ(version, 1);
+
+  XML plain(u"Data", u"", u"version", u"5");
+  XML::SetAppVersion(0);
+  EXPECT_EQ(Outcome(plain.CheckVersion(u"S", u"", version)), "");
+  EXPECT_EQ(version, 1);
+  XML::SetAppVersion(4);
+  XML newer(u"D", u"", u"Version", u"12");
+  EXPECT_EQ(Outcome(newer.CheckVersion(u"Lager 2", u"", version)), Message(12, "Lager 2", 4));
+}
+
+TEST(XMLTest, ConstructorsTrimValuesButNotNames) {
+  EXPECT_EQ(Picture(XML(u" n ")), " n ");
+  EXPECT_EQ(Picture(XML(u"n", u"  v  ")), "n[v]");
+  XML withAttr(u"n", u" v", u"", u"");
+  EXPECT_EQ(withAttr.TopTag()->NoOfAttributes(), 1u);
+  EXPECT_EQ(Picture(withAttr), "n(=)[v]");
+  withAttr.TopTag()->SetValue(u" v ");
+  EXPECT_EQ(withAttr.TopTag()->GetValue(), String(u" v "));
+}
+
+TEST(XMLTest, CopiesAreIndependentBothWays) {
+  XML source(u"s");
+  source.TopTag()->NestTag(u"a", u"1", u"k", u"v")->NestTag(u"b");
+  source.TopTag()->AddComment(u"c");
+  XML copy(source);
+  EXPECT_EQ(copy.GetText(), source.GetText());
+  EXPECT_NE(copy.TopTag(), source.TopTag());
+
+  copy.TopTag()->GetNestedTag(0)->SetAttrValue(0, u"changed");
+  copy.TopTag()->GetNestedTag(0)->GetNestedTag(0)->Remove();
+  copy.TopTag()->NestTag(u"new");
+  EXPECT_EQ(Picture(source), "s{a(k=v)[1]{b}}");
+  source.TopTag()->GetNestedTag(0)->AddAttr(u"x", u"y");
+  source.TopTag()->GetNestedTag(0)->SetValue(u"2");
+  EXPECT_EQ(Picture(copy), "s{a(k=changed)[1] new}");
+
+  XMLTag* oldTop = copy.TopTag();
+  copy = source;
+  EXPECT_NE(copy.TopTag(), oldTop);
+  EXPECT_EQ(copy.GetText(), source.GetText());
+  XMLTag* nested = copy.TopTag()->GetNestedTag(0);
+  XML& self = copy;
+  copy = self;
+  EXPECT_EQ(copy.TopTag()->GetNestedTag(0), nested);
+}
+
+} // namespace
+} // namespace QOR
