@@ -1,0 +1,488 @@
+#include "InetDriver.h"
+
+#include <algorithm>
+
+namespace QOR::inettest {
+
+namespace {
+
+// The driver whose call is running on this thread: its callbacks here are "C".
+thread_local const InetDriver* insideCall = nullptr;
+
+class CallScope {
+public:
+  explicit CallScope(const InetDriver* driver) { insideCall = driver; }
+  ~CallScope() { insideCall = nullptr; }
+};
+
+using WideText = std::basic_string<WCHAR>;
+
+WideText Widen(const std::string& text) { return WideText(text.begin(), text.end()); }
+
+std::string Narrow(const WCHAR* text, std::size_t units) {
+  std::string out;
+  for (std::size_t i = 0; i < units && text[i]; ++i) out += static_cast<char>(text[i] < 0x80 ? text[i] : '?');
+  return out;
+}
+
+std::string Printable(const char* text, std::size_t length) {
+  std::string out;
+  for (std::size_t i = 0; i < length && text[i]; ++i) out += text[i] >= 0x20 && text[i] < 0x7F ? text[i] : '?';
+  return out;
+}
+
+const char referrer[] =
+    "Mozilla/4.0 (compatible; MSIE 6.0; Windows NT 5.2; WOW64; SV1; .NET CLR 2.0.50727; .NET CLR 3.0.04506.30; "
+    ".NET CLR 3.0.04506.648; .NET CLR 3.5.21022)";
+const char* acceptTypes[] = {"image/gif",
+                             "image/x-xbitmap",
+                             "image/jpeg",
+                             "image/pjpeg",
+                             "application/x-shockwave-flash",
+                             "application/vnd.ms-powerpoint",
+                             "application/vnd.ms-excel",
+                             "application/msword",
+                             "application/xaml+xml",
+                             "application/vnd.ms-xpsdocument",
+                             "application/x-ms-xbap",
+                             "application/x-ms-application",
+                             "*/*",
+                             nullptr};
+const char contentType[] = "Content-Type: multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p";
+
+} // namespace
+
+InetDriver::InetDriver(std::string agent) : agent(std::move(agent)) {}
+
+InetDriver::~InetDriver() {
+  closingWait = std::min(closingWait, std::chrono::milliseconds(2000));
+  if (request) CloseRequest();
+  if (connection) CloseConnection();
+  if (root) CloseRoot();
+}
+
+void InetDriver::SetWaits(std::chrono::milliseconds completion, std::chrono::milliseconds closing) {
+  completionWait = completion;
+  closingWait = closing;
+}
+
+// ---- callbacks ----
+
+void CALLBACK InetDriver::StatusCallback(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID info,
+                                         DWORD length) {
+  reinterpret_cast<InetDriver*>(context)->OnStatus(handle, status, info, length);
+}
+
+void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD length) {
+  Note note{handle, status, 0, 0, 0, insideCall == this, std::chrono::steady_clock::now()};
+  std::string text;
+  switch (status) {
+  case INTERNET_STATUS_HANDLE_CREATED:
+  case INTERNET_STATUS_HANDLE_CLOSING:
+  case INTERNET_STATUS_REQUEST_COMPLETE:
+    if (info && length >= sizeof(DWORD_PTR)) note.result = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwResult;
+    if (info && length >= sizeof(INTERNET_ASYNC_RESULT) && status == INTERNET_STATUS_REQUEST_COMPLETE)
+      note.error = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwError;
+    break;
+  case INTERNET_STATUS_REQUEST_SENT:
+  case INTERNET_STATUS_RESPONSE_RECEIVED:
+    if (info && length >= sizeof(DWORD)) note.value = *static_cast<DWORD*>(info);
+    break;
+  case INTERNET_STATUS_RESOLVING_NAME:
+    if (info) text = Narrow(static_cast<const WCHAR*>(info), length / sizeof(WCHAR));
+    break;
+  case INTERNET_STATUS_NAME_RESOLVED:
+  case INTERNET_STATUS_CONNECTED_TO_SERVER:
+    if (info) text = Printable(static_cast<const char*>(info), length);
+    break;
+  default:
+    break;
+  }
+
+  std::lock_guard<std::mutex> guard(lock);
+  if (status == INTERNET_STATUS_HANDLE_CREATED) {
+    auto created = reinterpret_cast<HINTERNET>(note.result);
+    names[created] = creating;
+    dead[created] = false;
+    if (dead[handle]) lateCallback = true;
+  } else {
+    if (dead[handle]) lateCallback = true;
+    if (status == INTERNET_STATUS_HANDLE_CLOSING) {
+      dead[handle] = true;
+      ++closings[handle];
+    }
+  }
+  notes.push_back(note);
+  events.push_back({false, Describe(note, text)});
+  if (status == INTERNET_STATUS_REQUEST_COMPLETE) completions.push_back({note.result, note.error});
+  changed.notify_all();
+}
+
+std::string InetDriver::Describe(const Note& note, const std::string& text) const {
+  std::string line = note.onCallingThread ? "  C " : "  W ";
+  line += std::to_string(note.status);
+  switch (note.status) {
+  case INTERNET_STATUS_HANDLE_CREATED:
+    return line + " " + NameOf(reinterpret_cast<HINTERNET>(note.result));
+  case INTERNET_STATUS_HANDLE_CLOSING:
+    return line + " " + NameOf(note.handle);
+  case INTERNET_STATUS_REQUEST_COMPLETE:
+    return line + " (" + (note.result ? "1" : "0") + "," + std::to_string(note.error) + ")";
+  case INTERNET_STATUS_REQUEST_SENT:
+  case INTERNET_STATUS_RESPONSE_RECEIVED:
+    return line + " " + std::to_string(note.value);
+  case INTERNET_STATUS_RESOLVING_NAME:
+  case INTERNET_STATUS_NAME_RESOLVED:
+  case INTERNET_STATUS_CONNECTED_TO_SERVER:
+    return line + " \"" + text + "\"";
+  default:
+    return line;
+  }
+}
+
+std::string InetDriver::NameOf(HINTERNET handle) const {
+  if (!handle) return "NULL";
+  if (handle == root) return "root";
+  auto found = names.find(handle);
+  return found != names.end() ? found->second : "?";
+}
+
+// ---- bookkeeping of calls ----
+
+std::size_t InetDriver::BeginCall(const std::string& text) {
+  std::lock_guard<std::mutex> guard(lock);
+  events.push_back({true, text});
+  return events.size() - 1;
+}
+
+void InetDriver::EndCall(std::size_t index, const std::string& outcome) {
+  std::lock_guard<std::mutex> guard(lock);
+  events[index].text += " -> " + outcome;
+}
+
+void InetDriver::Mark(const std::string& text) {
+  std::lock_guard<std::mutex> guard(lock);
+  events.push_back({true, text});
+}
+
+InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait,
+                                      const DWORD* bytes) {
+  Result result;
+  if (ok) {
+    result.ok = true;
+    result.bytes = bytes ? *bytes : 0;
+    EndCall(index, bytes ? "TRUE " + std::to_string(result.bytes) : std::string("TRUE"));
+    return result;
+  }
+  DWORD error = GetLastError();
+  if (error != ERROR_IO_PENDING) {
+    result.error = error;
+    EndCall(index, "FALSE " + std::to_string(error));
+    return result;
+  }
+  EndCall(index, "pending");
+  pendingMark = completionsBefore;
+  if (!wait) {
+    result.pending = true;
+    return result;
+  }
+  result = Wait();
+  if (bytes && result.ok) result.bytes = *bytes;
+  return result;
+}
+
+InetDriver::Result InetDriver::Wait() {
+  Result result;
+  result.pending = true;
+  std::unique_lock<std::mutex> guard(lock);
+  if (!changed.wait_for(guard, completionWait, [this] { return completions.size() > pendingMark; })) return result;
+  const INTERNET_ASYNC_RESULT& outcome = completions[pendingMark];
+  result.completed = true;
+  result.ok = outcome.dwResult != 0;
+  result.error = result.ok ? 0 : outcome.dwError;
+  return result;
+}
+
+// ---- the calls ----
+
+bool InetDriver::Open() {
+  std::size_t index = BeginCall("InternetOpenW");
+  {
+    CallScope scope(this);
+    root = InternetOpenW(Widen(agent).c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC);
+  }
+  EndCall(index, root ? "root" : "NULL " + std::to_string(GetLastError()));
+  if (!root) return false;
+  index = BeginCall("InternetSetStatusCallbackW");
+  INTERNET_STATUS_CALLBACK old;
+  {
+    CallScope scope(this);
+    old = InternetSetStatusCallbackW(root, &InetDriver::StatusCallback);
+  }
+  EndCall(index, old == INTERNET_INVALID_STATUS_CALLBACK ? "INVALID" : old ? "old" : "NULL");
+  return old != INTERNET_INVALID_STATUS_CALLBACK;
+}
+
+bool InetDriver::Connect(const std::string& server, INTERNET_PORT port) {
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    creating = "conn";
+  }
+  std::size_t index = BeginCall("InternetConnectW(" + server + ")");
+  WideText name = Widen(server);
+  WideText empty;
+  {
+    CallScope scope(this);
+    connection = InternetConnectW(root, name.c_str(), port, empty.c_str(), empty.c_str(), INTERNET_SERVICE_HTTP, 0,
+                                  reinterpret_cast<DWORD_PTR>(this));
+  }
+  if (connection) {
+    std::lock_guard<std::mutex> guard(lock);
+    names[connection] = "conn";
+  }
+  EndCall(index, connection ? "conn" : "NULL " + std::to_string(GetLastError()));
+  return connection != nullptr;
+}
+
+bool InetDriver::OpenRequest(const std::string& object, DWORD flags, const char* verb) {
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    creating = "req";
+  }
+  std::size_t index = BeginCall("HttpOpenRequestA(" + std::string(verb) + " " + object + ")");
+  {
+    CallScope scope(this);
+    request = HttpOpenRequestA(connection, verb, object.c_str(), nullptr, referrer, acceptTypes, flags,
+                               reinterpret_cast<DWORD_PTR>(this));
+  }
+  if (request) {
+    std::lock_guard<std::mutex> guard(lock);
+    names[request] = "req";
+  }
+  EndCall(index, request ? "req" : "NULL " + std::to_string(GetLastError()));
+  return request != nullptr;
+}
+
+InetDriver::Result InetDriver::AddHeader(const std::string& line, DWORD modifiers) {
+  bool replace = (modifiers & HTTP_ADDREQ_FLAG_REPLACE) != 0;
+  std::size_t index = BeginCall(std::string("HttpAddRequestHeadersW(") + (replace ? "REPLACE" : "ADD") + ")");
+  WideText text = Widen(line);
+  BOOL ok;
+  {
+    CallScope scope(this);
+    ok = HttpAddRequestHeadersW(request, text.c_str(), static_cast<DWORD>(-1), modifiers);
+  }
+  return Finish(index, ok, 0, false, nullptr);
+}
+
+InetDriver::Result InetDriver::AddContentType() {
+  Result result = AddHeader(contentType, HTTP_ADDREQ_FLAG_REPLACE);
+  if (!result.ok && result.error == ERROR_HTTP_HEADER_NOT_FOUND) result = AddHeader(contentType, HTTP_ADDREQ_FLAG_ADD);
+  return result;
+}
+
+InetDriver::Result InetDriver::SendEx(DWORD total, bool wait) {
+  INTERNET_BUFFERSW block{};
+  block.dwStructSize = sizeof block;
+  block.dwBufferTotal = total;
+  std::size_t before = 0;
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    before = completions.size();
+  }
+  std::size_t index = BeginCall("HttpSendRequestExW(" + std::to_string(total) + ")");
+  BOOL ok;
+  {
+    CallScope scope(this);
+    ok = HttpSendRequestExW(request, &block, nullptr, HSR_INITIATE, reinterpret_cast<DWORD_PTR>(this));
+  }
+  return Finish(index, ok, before, wait, nullptr);
+}
+
+InetDriver::Result InetDriver::Write(const char* data, DWORD size, bool wait) {
+  std::size_t before = 0;
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    before = completions.size();
+  }
+  written = 0;
+  std::size_t index = BeginCall("InternetWriteFile(" + std::to_string(size) + ")");
+  BOOL ok;
+  {
+    CallScope scope(this);
+    ok = InternetWriteFile(request, data, size, &written);
+  }
+  return Finish(index, ok, before, wait, &written);
+}
+
+InetDriver::Result InetDriver::WriteAll(const std::string& body, DWORD chunk) {
+  Result result;
+  result.ok = true;
+  std::size_t done = 0;
+  do {
+    DWORD size = static_cast<DWORD>(std::min<std::size_t>(chunk, body.size() - done));
+    Result step = Write(body.data() + done, size);
+    if (!step.ok) return step;
+    done += step.bytes;
+    result.bytes += step.bytes;
+  } while (done < body.size());
+  return result;
+}
+
+InetDriver::Result InetDriver::End(bool wait) {
+  std::size_t before = 0;
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    before = completions.size();
+  }
+  std::size_t index = BeginCall("HttpEndRequestW");
+  BOOL ok;
+  {
+    CallScope scope(this);
+    ok = HttpEndRequestW(request, nullptr, 0, reinterpret_cast<DWORD_PTR>(this));
+  }
+  return Finish(index, ok, before, wait, nullptr);
+}
+
+InetDriver::Result InetDriver::Read(char* buffer, DWORD capacity, bool wait) {
+  std::size_t before = 0;
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    before = completions.size();
+  }
+  readBlock = INTERNET_BUFFERSA{};
+  readBlock.dwStructSize = sizeof readBlock;
+  readBlock.lpvBuffer = buffer;
+  readBlock.dwBufferLength = capacity;
+  std::size_t index = BeginCall("InternetReadFileExA(" + std::to_string(capacity) + ")");
+  BOOL ok;
+  {
+    CallScope scope(this);
+    ok = InternetReadFileExA(request, &readBlock, IRF_ASYNC, reinterpret_cast<DWORD_PTR>(this));
+  }
+  return Finish(index, ok, before, wait, &readBlock.dwBufferLength);
+}
+
+InetDriver::Result InetDriver::ReadAll(std::string& body, DWORD step) {
+  std::vector<char> buffer(step);
+  std::size_t total = 0;
+  for (;;) {
+    Result result = Read(buffer.data() + total, static_cast<DWORD>(buffer.size() - total));
+    if (!result.ok) return result;
+    if (result.bytes == 0) break;
+    total += result.bytes;
+    if (total == buffer.size()) buffer.resize(buffer.size() + step);
+  }
+  body.assign(buffer.data(), total);
+  Result result;
+  result.ok = true;
+  result.bytes = static_cast<DWORD>(total);
+  return result;
+}
+
+// ---- closing ----
+
+BOOL InetDriver::CloseHandleOnly(HINTERNET handle) {
+  std::size_t index = BeginCall("InternetCloseHandle(" + [&] {
+    std::lock_guard<std::mutex> guard(lock);
+    return NameOf(handle);
+  }() + ")");
+  BOOL ok;
+  {
+    CallScope scope(this);
+    ok = InternetCloseHandle(handle);
+  }
+  EndCall(index, ok ? std::string("TRUE") : "FALSE " + std::to_string(GetLastError()));
+  return ok;
+}
+
+int InetDriver::ClosingsOf(HINTERNET handle) const {
+  std::lock_guard<std::mutex> guard(lock);
+  auto found = closings.find(handle);
+  return found == closings.end() ? 0 : found->second;
+}
+
+bool InetDriver::WaitClosing(HINTERNET handle, int since, std::chrono::milliseconds time) {
+  std::unique_lock<std::mutex> guard(lock);
+  return changed.wait_for(guard, time, [&] {
+    auto found = closings.find(handle);
+    return found != closings.end() && found->second > since;
+  });
+}
+
+InetDriver::Result InetDriver::CloseAndForget(HINTERNET& handle) {
+  Result result;
+  int before = ClosingsOf(handle);
+  bool isRoot = handle == root;
+  result.ok = CloseHandleOnly(handle) != FALSE;
+  if (!result.ok) result.error = GetLastError();
+  // The root handle has no context, so it never reports HANDLE_CLOSING.
+  if (result.ok && !isRoot) result.completed = WaitClosing(handle, before, closingWait);
+  handle = nullptr;
+  return result;
+}
+
+InetDriver::Result InetDriver::CloseRequest() { return CloseAndForget(request); }
+
+InetDriver::Result InetDriver::CloseConnection() { return CloseAndForget(connection); }
+
+InetDriver::Result InetDriver::CloseRoot() {
+  if (root) {
+    std::size_t index = BeginCall("InternetSetStatusCallbackW(NULL)");
+    {
+      CallScope scope(this);
+      InternetSetStatusCallbackW(root, nullptr);
+    }
+    EndCall(index, "done");
+  }
+  return CloseAndForget(root);
+}
+
+// ---- composites ----
+
+InetDriver::Result InetDriver::Post(const std::string& object, const std::string& body, std::string& reply,
+                                    DWORD flags) {
+  Result result;
+  if (!OpenRequest(object, flags)) {
+    result.error = GetLastError();
+    return result;
+  }
+  AddContentType();
+  result = SendEx(static_cast<DWORD>(body.size()));
+  if (result.ok) result = WriteAll(body);
+  Result ended = End();
+  if (result.ok) result = ended;
+  if (result.ok) result = ReadAll(reply);
+  CloseRequest();
+  return result;
+}
+
+// ---- what was seen ----
+
+std::vector<std::string> InetDriver::Trace() const {
+  std::lock_guard<std::mutex> guard(lock);
+  std::vector<std::string> lines;
+  for (const Event& event : events) lines.push_back(event.text);
+  return lines;
+}
+
+std::vector<InetDriver::Note> InetDriver::Notes() const {
+  std::lock_guard<std::mutex> guard(lock);
+  return notes;
+}
+
+std::vector<DWORD> InetDriver::StatusesOf(HINTERNET handle) const {
+  std::lock_guard<std::mutex> guard(lock);
+  std::vector<DWORD> statuses;
+  for (const Note& note : notes) {
+    if (note.handle == handle) statuses.push_back(note.status);
+  }
+  return statuses;
+}
+
+bool InetDriver::CallbackAfterClosing() const {
+  std::lock_guard<std::mutex> guard(lock);
+  return lateCallback;
+}
+
+} // namespace QOR::inettest

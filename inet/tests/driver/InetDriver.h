@@ -1,0 +1,148 @@
+// Drives the WinInet API the way the HTTP engine does (asynchronous mode, one status callback,
+// the driver's address as context) and records every call and every callback. Built against
+// libqorinet on Linux and against wininet.dll on Windows, so the two can be compared.
+//
+// Trace lines, one per call and one per callback:
+//   InternetConnectW -> conn              a call and its result (pending: "-> pending")
+//     C 60 conn                           a callback: C on the calling thread inside a call,
+//     W 100 (1,0)                         W on another thread; then the status and its payload
+// Handles are named by role (root, conn, req), as the values themselves differ between runs.
+//
+// Threads: one thread drives; any thread may close. Callbacks come from anywhere.
+#pragma once
+
+#include "WinInetApi.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace QOR::inettest {
+
+// The request flags of the engine, plain and secure.
+constexpr DWORD engineFlags = 0x84400000;
+constexpr DWORD engineSecureFlags = 0x84C01000;
+// The engine's write chunk and read growth step.
+constexpr DWORD blockSize = 102400;
+
+// True in a Windows program running under Wine.
+bool RunningUnderWine();
+// Makes the CA trusted for the API under test (PEM for libqorinet, DER for Windows).
+bool TrustCertificate(const std::string& pemFile, const std::string& derFile);
+
+class InetDriver {
+public:
+  // What one call came to.
+  struct Result {
+    bool ok = false;        // TRUE (or a handle), or completed with dwResult != 0
+    bool pending = false;   // returned FALSE with ERROR_IO_PENDING
+    bool completed = false; // pending, and REQUEST_COMPLETE came within the wait
+    DWORD error = 0;        // GetLastError of a failed call, or dwError of the completion
+    DWORD bytes = 0;        // bytes written or read
+  };
+  // One callback as it came.
+  struct Note {
+    HINTERNET handle;
+    DWORD status;
+    DWORD_PTR result; // dwResult, or the handle of 60 and 70
+    DWORD error;
+    DWORD value;      // the DWORD of 31 and 41
+    bool onCallingThread;
+    std::chrono::steady_clock::time_point when;
+  };
+
+  explicit InetDriver(std::string agent = "qorinet-test");
+  // Closes whatever is still open.
+  ~InetDriver();
+  InetDriver(const InetDriver&) = delete;
+  InetDriver& operator=(const InetDriver&) = delete;
+
+  // How long a pending call and a close may take before the driver gives up on it.
+  void SetWaits(std::chrono::milliseconds completion, std::chrono::milliseconds closing);
+
+  bool Open();
+  bool Connect(const std::string& server, INTERNET_PORT port = 80);
+  bool OpenRequest(const std::string& object, DWORD flags = engineFlags, const char* verb = "POST");
+  // The engine's Content-Type line: REPLACE, then ADD if the header was not found.
+  Result AddContentType();
+  Result AddHeader(const std::string& line, DWORD modifiers);
+  // With wait false a pending call is left running; Wait() or a close ends it.
+  Result SendEx(DWORD total, bool wait = true);
+  Result Write(const char* data, DWORD size, bool wait = true);
+  // The body in engine-sized chunks; stops at the first failure.
+  Result WriteAll(const std::string& body, DWORD chunk = blockSize);
+  Result End(bool wait = true);
+  Result Read(char* buffer, DWORD capacity, bool wait = true);
+  // Reads to the end the way the engine does: a buffer growing by `step`. Stops at a failure.
+  Result ReadAll(std::string& body, DWORD step = blockSize);
+  // Waits for the completion of the call left pending last.
+  Result Wait();
+
+  // InternetCloseHandle, then a wait for that handle's HANDLE_CLOSING. The handle is forgotten.
+  Result CloseRequest();
+  Result CloseConnection();
+  Result CloseRoot();
+  // Only the call, for closing from another thread: no wait, the handle stays known.
+  BOOL CloseHandleOnly(HINTERNET handle);
+  // Waits for HANDLE_CLOSING of `handle` after `since` closings of it have been seen.
+  bool WaitClosing(HINTERNET handle, int since, std::chrono::milliseconds time);
+  int ClosingsOf(HINTERNET handle) const;
+
+  // One whole engine POST on the open connection: open, header, send, write, end, read, close.
+  Result Post(const std::string& object, const std::string& body, std::string& reply, DWORD flags = engineFlags);
+
+  HINTERNET Root() const { return root; }
+  HINTERNET Connection() const { return connection; }
+  HINTERNET Request() const { return request; }
+  std::vector<std::string> Trace() const;
+  std::vector<Note> Notes() const;
+  // Statuses seen for `handle`, in order.
+  std::vector<DWORD> StatusesOf(HINTERNET handle) const;
+  // A callback came for a handle after its HANDLE_CLOSING, or a second HANDLE_CLOSING.
+  bool CallbackAfterClosing() const;
+  // Appends a free line to the trace (scenario labels).
+  void Mark(const std::string& text);
+
+private:
+  static void CALLBACK StatusCallback(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID info,
+                                      DWORD length);
+  void OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD length);
+  std::size_t BeginCall(const std::string& text);
+  void EndCall(std::size_t index, const std::string& outcome);
+  Result Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait, const DWORD* bytes);
+  Result CloseAndForget(HINTERNET& handle);
+  std::string NameOf(HINTERNET handle) const;
+  std::string Describe(const Note& note, const std::string& text) const;
+
+  struct Event {
+    bool isCall;
+    std::string text;
+  };
+
+  const std::string agent;
+  std::chrono::milliseconds completionWait{20000};
+  std::chrono::milliseconds closingWait{5000};
+  HINTERNET root = nullptr;
+  HINTERNET connection = nullptr;
+  HINTERNET request = nullptr;
+  DWORD written = 0;
+  INTERNET_BUFFERSA readBlock{};
+  std::size_t pendingMark = 0;
+  std::string creating; // role of the handle a running create call makes
+
+  mutable std::mutex lock;
+  std::condition_variable changed;
+  std::vector<Event> events;
+  std::vector<Note> notes;
+  std::vector<INTERNET_ASYNC_RESULT> completions;
+  std::map<HINTERNET, std::string> names;
+  std::map<HINTERNET, int> closings;
+  std::map<HINTERNET, bool> dead;
+  bool lateCallback = false;
+};
+
+} // namespace QOR::inettest
