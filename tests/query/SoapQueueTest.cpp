@@ -284,6 +284,8 @@ TEST_F(SoapQueueTest, ManyCallersWithRandomCancellations) {
 
   EXPECT_EQ(returned, threads * perThread);
   EXPECT_GT(succeeded, 0);
+  if (!onWine) EXPECT_LT(succeeded, returned) << "no cancellation reached a request";
+  std::printf("[   NOTE   ] %d of %d queries cancelled\n", returned - succeeded, returned.load());
   std::set<int> seen;
   for (int t = 0; t < threads; ++t) {
     EXPECT_EQ(mixups[t], "");
