@@ -1,7 +1,8 @@
 #include <qorxmlu/foundation/Encoding.h>
 
-#include "Spin.h"
+#include "Simd.h"
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -14,6 +15,26 @@ constexpr char16_t replacement = 0xFFFD;
 
 bool IsContinuation(std::uint8_t byte) { return (byte & 0xC0) == 0x80; }
 
+// The length of the bad sequence at in (left bytes remain): the longest prefix of a valid
+// sequence, at least one byte. The second byte's range rules out overlong forms, surrogates and
+// code points above U+10FFFF; C0, C1 and F5..FF start nothing (the old 5 and 6 byte forms among them).
+std::size_t BadSequenceLength(const std::uint8_t* in, std::size_t left) {
+  std::uint8_t lead = in[0];
+  if (lead < 0xE0 || lead >= 0xF5 || left < 2) return 1;
+  std::uint8_t low = 0x80, high = 0xBF;
+  std::size_t size = lead < 0xF0 ? 3 : 4;
+  if (lead == 0xE0) low = 0xA0;
+  if (lead == 0xED) high = 0x9F;
+  if (lead == 0xF0) low = 0x90;
+  if (lead == 0xF4) high = 0x8F;
+  if (in[1] < low || in[1] > high) return 1;
+  std::size_t valid = 2;
+  while (valid < size && valid < left && IsContinuation(in[valid])) ++valid;
+  return valid;
+}
+
+#if defined(QORXMLU_HAVE_SSE2)
+
 int CountTrailingZeros(unsigned mask) {
 #if defined(_MSC_VER) && !defined(__clang__)
   unsigned long index;
@@ -24,61 +45,126 @@ int CountTrailingZeros(unsigned mask) {
 #endif
 }
 
-// Copies the ASCII bytes at in to out, widened, and returns how many there were. May write up to
-// 15 units past that count, never more than end - in units in all.
+// Widens the ASCII bytes at in and returns how many there were. May write up to 15 units past
+// that count, never more than end - in units in all.
 std::size_t WidenAscii(const std::uint8_t* in, const std::uint8_t* end, char16_t* out) {
   const std::uint8_t* start = in;
-#if defined(QORXMLU_HAVE_SSE2)
   const __m128i zero = _mm_setzero_si128();
   while (end - in >= 16) {
     __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-    unsigned high = static_cast<unsigned>(_mm_movemask_epi8(bytes));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(bytes, zero));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(bytes, zero));
-    if (high) {
-      int ascii = CountTrailingZeros(high);
-      return static_cast<std::size_t>(in - start) + ascii;
-    }
+    if (unsigned high = static_cast<unsigned>(_mm_movemask_epi8(bytes)))
+      return static_cast<std::size_t>(in - start) + static_cast<std::size_t>(CountTrailingZeros(high));
     in += 16;
     out += 16;
   }
-#endif
   while (in < end && *in < 0x80) *out++ = *in++;
   return static_cast<std::size_t>(in - start);
 }
 
-// Narrows the ASCII units at in to out and returns how many there were. May write up to 15 bytes
-// past that count, never more than end - in bytes in all.
-std::size_t NarrowAscii(const char16_t* in, const char16_t* end, char* out) {
-  const char16_t* start = in;
-#if defined(QORXMLU_HAVE_SSE2)
-  const __m128i nonAscii = _mm_set1_epi16(static_cast<short>(0xFF80));
-  const __m128i zero = _mm_setzero_si128();
-  while (end - in >= 16) {
-    __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-    __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 8));
-    __m128i wide = _mm_or_si128(_mm_and_si128(low, nonAscii), _mm_and_si128(high, nonAscii));
-    if (_mm_movemask_epi8(_mm_cmpeq_epi16(wide, zero)) != 0xFFFF) break;
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(low, high));
-    in += 16;
-    out += 16;
-  }
 #endif
-  while (in < end && *in < 0x80) *out++ = static_cast<char>(*in++);
-  return static_cast<std::size_t>(in - start);
+
+// The loops below take their cursors by reference but work on local copies: a byte store may
+// alias anything, so the compiler would otherwise reload them from memory after every store.
+
+// No sequence yields more units than it has bytes, so out never runs ahead of in, and the
+// block writes of WidenAscii stay inside an output of as many units as the input has bytes.
+void DecodeSequences(const std::uint8_t*& cursor, const std::uint8_t* end, char16_t*& output) {
+  const std::uint8_t* in = cursor;
+  char16_t* out = output;
+  while (in < end) {
+    std::uint32_t lead = *in;
+    std::size_t left = static_cast<std::size_t>(end - in);
+    if (lead < 0x80) {
+#if defined(QORXMLU_HAVE_SSE2)
+      if (left > 1 && in[1] < 0x80) { // a run, not a lone space between words
+        std::size_t ascii = WidenAscii(in, end, out);
+        in += ascii;
+        out += ascii;
+        continue;
+      }
+#endif
+      *out++ = static_cast<char16_t>(lead);
+      ++in;
+      continue;
+    }
+    if (lead >= 0xC2 && lead < 0xE0 && left >= 2 && IsContinuation(in[1])) {
+      *out++ = static_cast<char16_t>((lead & 0x1F) << 6 | (in[1] & 0x3F));
+      in += 2;
+      continue;
+    }
+    if (lead >= 0xE0 && lead < 0xF0 && left >= 3 && IsContinuation(in[1]) && IsContinuation(in[2])) {
+      std::uint32_t code = (lead & 0x0F) << 12 | (in[1] & 0x3F) << 6 | (in[2] & 0x3F);
+      if (code >= 0x800 && (code & 0xF800) != 0xD800) {
+        *out++ = static_cast<char16_t>(code);
+        in += 3;
+        continue;
+      }
+    } else if (lead >= 0xF0 && lead < 0xF5 && left >= 4 && IsContinuation(in[1]) && IsContinuation(in[2]) &&
+               IsContinuation(in[3])) {
+      std::uint32_t code = (lead & 0x07) << 18 | (in[1] & 0x3F) << 12 | (in[2] & 0x3F) << 6 | (in[3] & 0x3F);
+      if (code >= 0x10000 && code <= 0x10FFFF) {
+        *out++ = static_cast<char16_t>(0xD7C0 + (code >> 10));
+        *out++ = static_cast<char16_t>(0xDC00 | (code & 0x3FF));
+        in += 4;
+        continue;
+      }
+    }
+    *out++ = replacement;
+    in += BadSequenceLength(in, left);
+  }
+  cursor = in;
+  output = out;
 }
 
-// The bytes that the units encode to, without terminator or mark.
-std::size_t Utf8Length(const char16_t* in, std::size_t length) {
-  const char16_t* end = in + length;
+// Encodes the units before stop (a pair that starts before it is taken whole); no read goes past end.
+void EncodeUnits(const char16_t*& cursor, const char16_t* end, const char16_t* stop, std::uint8_t*& output) {
+  const char16_t* in = cursor;
+  std::uint8_t* out = output;
+  while (in < stop) {
+    std::uint32_t unit = *in++;
+    if (unit < 0x80) {
+      *out++ = static_cast<std::uint8_t>(unit);
+      continue;
+    }
+    if (unit < 0x800) {
+      out[0] = static_cast<std::uint8_t>(0xC0 | unit >> 6);
+      out[1] = static_cast<std::uint8_t>(0x80 | (unit & 0x3F));
+      out += 2;
+      continue;
+    }
+    if ((unit & 0xF800) == 0xD800) {
+      if (unit <= 0xDBFF && in < end && (*in & 0xFC00) == 0xDC00) {
+        std::uint32_t code = 0x10000 + ((unit - 0xD800) << 10) + (*in++ - 0xDC00);
+        out[0] = static_cast<std::uint8_t>(0xF0 | code >> 18);
+        out[1] = static_cast<std::uint8_t>(0x80 | (code >> 12 & 0x3F));
+        out[2] = static_cast<std::uint8_t>(0x80 | (code >> 6 & 0x3F));
+        out[3] = static_cast<std::uint8_t>(0x80 | (code & 0x3F));
+        out += 4;
+        continue;
+      }
+      unit = replacement;
+    }
+    out[0] = static_cast<std::uint8_t>(0xE0 | unit >> 12);
+    out[1] = static_cast<std::uint8_t>(0x80 | (unit >> 6 & 0x3F));
+    out[2] = static_cast<std::uint8_t>(0x80 | (unit & 0x3F));
+    out += 3;
+  }
+  cursor = in;
+  output = out;
+}
+
+// The bytes that the units before stop encode to, counted as EncodeUnits writes them.
+std::size_t CountBytes(const char16_t*& in, const char16_t* end, const char16_t* stop) {
   std::size_t bytes = 0;
-  while (in < end) {
+  while (in < stop) {
     char16_t unit = *in++;
     if (unit < 0x80) {
       ++bytes;
     } else if (unit < 0x800) {
       bytes += 2;
-    } else if (unit >= 0xD800 && unit <= 0xDBFF && in < end && *in >= 0xDC00 && *in <= 0xDFFF) {
+    } else if (unit >= 0xD800 && unit <= 0xDBFF && in < end && (*in & 0xFC00) == 0xDC00) {
       bytes += 4;
       ++in;
     } else {
@@ -86,6 +172,101 @@ std::size_t Utf8Length(const char16_t* in, std::size_t length) {
     }
   }
   return bytes;
+}
+
+#if defined(QORXMLU_HAVE_SSE2)
+
+// The UTF-8 bytes of 4 units below the surrogates (32-bit lanes), as little-endian words, and
+// their lengths.
+__m128i Utf8Words(__m128i units, __m128i& lengths) {
+  const __m128i low6 = _mm_set1_epi32(0x3F);
+  __m128i two = _mm_or_si128(_mm_or_si128(_mm_set1_epi32(0x80C0), _mm_srli_epi32(units, 6)),
+                             _mm_slli_epi32(_mm_and_si128(units, low6), 8));
+  __m128i three = _mm_or_si128(_mm_or_si128(_mm_set1_epi32(0x8080E0), _mm_srli_epi32(units, 12)),
+                               _mm_or_si128(_mm_slli_epi32(_mm_and_si128(_mm_srli_epi32(units, 6), low6), 8),
+                                            _mm_slli_epi32(_mm_and_si128(units, low6), 16)));
+  __m128i atLeastTwo = _mm_cmpgt_epi32(units, _mm_set1_epi32(0x7F));
+  __m128i isThree = _mm_cmpgt_epi32(units, _mm_set1_epi32(0x7FF));
+  lengths = _mm_sub_epi32(_mm_sub_epi32(_mm_set1_epi32(1), atLeastTwo), isThree);
+  return _mm_or_si128(_mm_andnot_si128(atLeastTwo, units),
+                      _mm_or_si128(_mm_and_si128(_mm_andnot_si128(isThree, atLeastTwo), two),
+                                   _mm_and_si128(isThree, three)));
+}
+
+// Encodes 8 units at a time: ASCII is narrowed whole; other blocks are converted in all lanes at
+// once, and only the storing of the results goes unit by unit, without branches on the kind of
+// character (text that mixes scripts makes such branches unpredictable). Blocks with surrogates
+// go to EncodeUnits.
+void EncodeBlocks(const char16_t*& cursor, const char16_t* end, std::uint8_t*& output) {
+  const char16_t* in = cursor;
+  std::uint8_t* out = output;
+  const __m128i zero = _mm_setzero_si128();
+  // Every unit needs at least one byte, so with 8 more units behind the block a 4-byte store
+  // stays inside the output, even one of the exact size.
+  while (end - in >= 16) {
+    __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    __m128i nonAscii = _mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xFF80)));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(nonAscii, zero)) == 0xFFFF) {
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(units, units));
+      in += 8;
+      out += 8;
+      // An ASCII run goes on 16 units at a time.
+      while (end - in >= 16) {
+        __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 8));
+        nonAscii = _mm_and_si128(_mm_or_si128(first, second), _mm_set1_epi16(static_cast<short>(0xFF80)));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi16(nonAscii, zero)) != 0xFFFF) break;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(first, second));
+        in += 16;
+        out += 16;
+      }
+      continue;
+    }
+    __m128i top = _mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xF800)));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(top, _mm_set1_epi16(static_cast<short>(0xD800))))) {
+      EncodeUnits(in, end, in + 8, out);
+      continue;
+    }
+    alignas(16) std::uint32_t words[8], lengths[8];
+    __m128i lowLengths, highLengths;
+    _mm_store_si128(reinterpret_cast<__m128i*>(words), Utf8Words(_mm_unpacklo_epi16(units, zero), lowLengths));
+    _mm_store_si128(reinterpret_cast<__m128i*>(words + 4), Utf8Words(_mm_unpackhi_epi16(units, zero), highLengths));
+    _mm_store_si128(reinterpret_cast<__m128i*>(lengths), lowLengths);
+    _mm_store_si128(reinterpret_cast<__m128i*>(lengths + 4), highLengths);
+    for (int i = 0; i < 8; ++i) {
+      std::memcpy(out, &words[i], 4);
+      out += lengths[i];
+    }
+    in += 8;
+  }
+  cursor = in;
+  output = out;
+}
+
+#endif
+
+// The bytes that the units encode to, without terminator or mark.
+std::size_t Utf8Length(const char16_t* in, std::size_t length) {
+  const char16_t* end = in + length;
+  std::size_t bytes = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+  const __m128i zero = _mm_setzero_si128();
+  while (end - in >= 8) {
+    __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    __m128i top = _mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xF800)));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi16(top, _mm_set1_epi16(static_cast<short>(0xD800))))) {
+      bytes += CountBytes(in, end, in + 8);
+      continue;
+    }
+    // Two mask bits per unit: one byte each, one more at 0x80 and up, one more at 0x800 and up.
+    __m128i nonAscii = _mm_and_si128(units, _mm_set1_epi16(static_cast<short>(0xFF80)));
+    auto ascii = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi16(nonAscii, zero)));
+    auto belowThree = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi16(top, zero)));
+    bytes += 8 + (16 - std::popcount(ascii)) / 2 + (16 - std::popcount(belowThree)) / 2;
+    in += 8;
+  }
+#endif
+  return bytes + CountBytes(in, end, end);
 }
 
 // Base64 digit values; skip for characters outside the alphabet, stop for '='.
@@ -120,59 +301,7 @@ std::size_t DecodeUtf8Units(const char* input, std::size_t length, char16_t* out
   const auto* in = reinterpret_cast<const std::uint8_t*>(input);
   const std::uint8_t* end = in + length;
   char16_t* out = output;
-  // No sequence yields more units than it has bytes, so out stays behind in, and the bulk
-  // writes of WidenAscii stay inside the output.
-  while (in < end) {
-    std::uint32_t lead = *in;
-    if (lead < 0x80) {
-      std::size_t ascii = WidenAscii(in, end, out);
-      in += ascii;
-      out += ascii;
-      continue;
-    }
-    std::size_t left = static_cast<std::size_t>(end - in);
-    if (lead < 0xE0) {
-      if (lead >= 0xC2 && left >= 2 && IsContinuation(in[1])) {
-        *out++ = static_cast<char16_t>((lead & 0x1F) << 6 | (in[1] & 0x3F));
-        in += 2;
-      } else {
-        *out++ = replacement; // stray continuation byte, overlong lead C0/C1, or a lone lead
-        ++in;
-      }
-      continue;
-    }
-    // The second byte's range rules out overlong forms, surrogates and code points above U+10FFFF.
-    std::uint8_t low = 0x80, high = 0xBF;
-    std::size_t size = 3;
-    if (lead < 0xF0) {
-      if (lead == 0xE0) low = 0xA0;
-      if (lead == 0xED) high = 0x9F;
-    } else if (lead < 0xF5) {
-      size = 4;
-      if (lead == 0xF0) low = 0x90;
-      if (lead == 0xF4) high = 0x8F;
-    } else {
-      *out++ = replacement; // F5..FF start no sequence (the old 5 and 6 byte forms among them)
-      ++in;
-      continue;
-    }
-    // The longest valid prefix of a sequence becomes one U+FFFD; the next byte starts afresh.
-    std::size_t valid = 1;
-    if (left >= 2 && in[1] >= low && in[1] <= high) {
-      valid = 2;
-      while (valid < size && valid < left && IsContinuation(in[valid])) ++valid;
-    }
-    if (valid < size) {
-      *out++ = replacement;
-    } else if (size == 3) {
-      *out++ = static_cast<char16_t>((lead & 0x0F) << 12 | (in[1] & 0x3F) << 6 | (in[2] & 0x3F));
-    } else {
-      std::uint32_t code = (lead & 0x07) << 18 | (in[1] & 0x3F) << 12 | (in[2] & 0x3F) << 6 | (in[3] & 0x3F);
-      *out++ = static_cast<char16_t>(0xD7C0 + (code >> 10));
-      *out++ = static_cast<char16_t>(0xDC00 | (code & 0x3FF));
-    }
-    in += valid;
-  }
+  DecodeSequences(in, end, out);
   return static_cast<std::size_t>(out - output);
 }
 
@@ -180,39 +309,10 @@ std::size_t EncodeUtf8Units(const char16_t* input, std::size_t length, char* out
   const char16_t* in = input;
   const char16_t* end = in + length;
   auto* out = reinterpret_cast<std::uint8_t*>(output);
-  while (in < end) {
-    char16_t unit = *in;
-    if (unit < 0x80) {
-      std::size_t ascii = NarrowAscii(in, end, reinterpret_cast<char*>(out));
-      in += ascii;
-      out += ascii;
-      continue;
-    }
-    ++in;
-    if (unit < 0x800) {
-      out[0] = static_cast<std::uint8_t>(0xC0 | unit >> 6);
-      out[1] = static_cast<std::uint8_t>(0x80 | (unit & 0x3F));
-      out += 2;
-      continue;
-    }
-    std::uint32_t code = unit;
-    if (unit >= 0xD800 && unit <= 0xDFFF) {
-      if (unit <= 0xDBFF && in < end && *in >= 0xDC00 && *in <= 0xDFFF) {
-        code = 0x10000 + ((code - 0xD800) << 10) + (*in++ - 0xDC00);
-        out[0] = static_cast<std::uint8_t>(0xF0 | code >> 18);
-        out[1] = static_cast<std::uint8_t>(0x80 | (code >> 12 & 0x3F));
-        out[2] = static_cast<std::uint8_t>(0x80 | (code >> 6 & 0x3F));
-        out[3] = static_cast<std::uint8_t>(0x80 | (code & 0x3F));
-        out += 4;
-        continue;
-      }
-      code = replacement;
-    }
-    out[0] = static_cast<std::uint8_t>(0xE0 | code >> 12);
-    out[1] = static_cast<std::uint8_t>(0x80 | (code >> 6 & 0x3F));
-    out[2] = static_cast<std::uint8_t>(0x80 | (code & 0x3F));
-    out += 3;
-  }
+#if defined(QORXMLU_HAVE_SSE2)
+  EncodeBlocks(in, end, out);
+#endif
+  EncodeUnits(in, end, end, out);
   return static_cast<std::size_t>(reinterpret_cast<char*>(out) - output);
 }
 

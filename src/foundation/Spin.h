@@ -1,12 +1,10 @@
 // Bounded busy waiting for hand-offs that usually complete within a few microseconds.
 #pragma once
 
-#include <chrono>
+#include "Simd.h"
 
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define QORXMLU_HAVE_SSE2 1
-#endif
+#include <chrono>
+#include <thread>
 
 namespace QOR::detail {
 
@@ -17,17 +15,20 @@ inline void CpuRelax() noexcept {
 #endif
 }
 
-// Polls ready() for at most limit; true as soon as it answers true. The clock is read only every
-// few dozen polls, so a short spin costs little more than the polls themselves.
+// Polls ready() for at most limit; true as soon as it answers true. The first microsecond or two
+// polls back to back, which catches a partner running on another core; after that each round
+// yields the core, in case the partner is waiting for this very core.
 template <class Ready>
 bool SpinUntil(Ready ready, std::chrono::microseconds limit) {
   auto deadline = std::chrono::steady_clock::now() + limit;
+  for (int i = 0; i < 64; ++i) {
+    if (ready()) return true;
+    CpuRelax();
+  }
   for (;;) {
-    for (int i = 0; i < 32; ++i) {
-      if (ready()) return true;
-      CpuRelax();
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return ready();
+    if (ready()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::yield();
   }
 }
 

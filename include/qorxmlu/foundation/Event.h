@@ -44,7 +44,8 @@ private:
 
 // Blocks until one of the events is signalled or the time runs out (-1: no limit). Returns the
 // lowest index of a signalled event, -1 when the time ran out, -2 when the wait failed (an empty
-// list, or a null event in it). Resets nothing.
+// list, or a null event in it). Resets nothing. An event set while the wait sleeps counts even if
+// it is reset again before the wait wakes.
 QORXMLU_API int WaitOnEvents(SVArray<Event*, Event*>& events, int milliseconds);
 
 } // namespace QOR

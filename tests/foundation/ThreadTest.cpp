@@ -1,0 +1,211 @@
+#include <qorxmlu/foundation/Thread.h>
+#include <qorxmlu/foundation/Utility.h>
+
+#include "support/StringPrinter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace QOR {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Runs a body given as a function; counts its passes and OnStop calls.
+class TestThread : public Thread {
+public:
+  using Body = std::function<ErrorInfo*(TestThread&, bool&)>;
+  explicit TestThread(Body body, Event* stopEvent = nullptr, bool callerKeepsEvent = true)
+      : Thread("TestThread", stopEvent, callerKeepsEvent), body(std::move(body)) {}
+  ~TestThread() override { BlockingStopRunning(); }
+
+  void OnStop() override {
+    stopSeenInOnStop = StopEvent()->IsSet();
+    ++stops;
+  }
+
+  std::atomic<int> passes{0};
+  std::atomic<int> stops{0};
+  std::atomic<bool> stopSeenInOnStop{false};
+
+protected:
+  ErrorInfo* ThreadBody(bool& finished) override {
+    ++passes;
+    return body(*this, finished);
+  }
+
+private:
+  Body body;
+};
+
+// Waits for the stop event, then ends.
+ErrorInfo* UntilStopped(TestThread& thread, bool& finished) {
+  SVArray<Event*, Event*> list;
+  list.Add(thread.StopEvent());
+  WaitOnEvents(list, -1);
+  finished = true;
+  return nullptr;
+}
+
+TEST(ThreadTest, StopOfAThreadThatNeverRanReturnsAtOnce) {
+  TestThread thread(UntilStopped);
+  EXPECT_FALSE(thread.Running());
+  auto start = std::chrono::steady_clock::now();
+  thread.BlockingStopRunning();
+  thread.AwaitStoppedRunning();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_EQ(thread.passes.load(), 0);
+  EXPECT_EQ(thread.stops.load(), 0);
+}
+
+TEST(ThreadTest, BodyRunsAgainUntilFinishedOrStopped) {
+  TestThread counting([](TestThread& self, bool& finished) -> ErrorInfo* {
+    finished = self.passes == 5;
+    return nullptr;
+  });
+  ASSERT_EQ(counting.StartRunning(), nullptr);
+  counting.AwaitStoppedRunning();
+  EXPECT_FALSE(counting.Running());
+  EXPECT_EQ(counting.passes.load(), 5);
+
+  // A body that never finishes by itself ends once the stop event is set.
+  TestThread looping([](TestThread&, bool&) -> ErrorInfo* {
+    std::this_thread::sleep_for(1ms);
+    return nullptr;
+  });
+  ASSERT_EQ(looping.StartRunning(), nullptr);
+  EXPECT_TRUE(looping.Running());
+  while (looping.passes < 3) std::this_thread::sleep_for(1ms);
+  looping.BlockingStopRunning();
+  EXPECT_FALSE(looping.Running());
+  EXPECT_EQ(looping.stops.load(), 1);
+  EXPECT_TRUE(looping.stopSeenInOnStop.load());
+  int passes = looping.passes;
+  std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(looping.passes.load(), passes);
+}
+
+TEST(ThreadTest, RestartsAfterAStopAndRefusesASecondStart) {
+  TestThread thread(UntilStopped);
+  for (int run = 1; run <= 3; ++run) {
+    ASSERT_EQ(thread.StartRunning(), nullptr);
+    ErrorInfo* again = thread.StartRunning();
+    ASSERT_NE(again, nullptr);
+    EXPECT_TRUE(again->Text().Contains(u"TestThread"));
+    delete again;
+    thread.BlockingStopRunning();
+    EXPECT_EQ(thread.passes.load(), run); // the stop event was cleared by each start
+  }
+}
+
+std::mutex logLock;
+std::vector<String> logged;
+
+void CollectError(const ErrorInfo& error) {
+  std::lock_guard<std::mutex> hold(logLock);
+  logged.push_back(error.FullText());
+}
+
+TEST(ThreadTest, ErrorsAndExceptionsOfTheBodyAreLogged) {
+  logged.clear();
+  SetErrorSink(CollectError);
+  TestThread failing([](TestThread& self, bool& finished) -> ErrorInfo* {
+    finished = self.passes == 2;
+    return MakeError(String(u"pass "), self.passes.load());
+  });
+  ASSERT_EQ(failing.StartRunning(), nullptr);
+  failing.AwaitStoppedRunning();
+
+  TestThread throwing([](TestThread&, bool&) -> ErrorInfo* { throw std::runtime_error("broken"); });
+  ASSERT_EQ(throwing.StartRunning(), nullptr);
+  throwing.AwaitStoppedRunning();
+  EXPECT_EQ(throwing.passes.load(), 1);
+  SetErrorSink(nullptr);
+
+  std::lock_guard<std::mutex> hold(logLock);
+  ASSERT_EQ(logged.size(), 3u);
+  EXPECT_EQ(logged[0], String(u"pass 1"));
+  EXPECT_EQ(logged[1], String(u"pass 2"));
+  EXPECT_TRUE(logged[2].Contains(u"TestThread"));
+  EXPECT_TRUE(logged[2].Contains(u"broken"));
+}
+
+class TrackedEvent : public Event {
+public:
+  explicit TrackedEvent(bool& destroyed) : destroyed(destroyed) {}
+  ~TrackedEvent() override { destroyed = true; }
+
+private:
+  bool& destroyed;
+};
+
+TEST(ThreadTest, DeletesTheStopEventOnlyWhenHandedOver) {
+  bool handedOverDestroyed = false, keptDestroyed = false;
+  TrackedEvent kept(keptDestroyed);
+  {
+    TestThread handedOver(UntilStopped, new TrackedEvent(handedOverDestroyed), false);
+    TestThread keeping(UntilStopped, &kept, true);
+    ASSERT_EQ(handedOver.StartRunning(), nullptr);
+    ASSERT_EQ(keeping.StartRunning(), nullptr);
+  } // both destroyed while running
+  EXPECT_TRUE(handedOverDestroyed);
+  EXPECT_FALSE(keptDestroyed);
+  EXPECT_TRUE(kept.IsSet());
+}
+
+// Bodies that only end together need an OS thread each: the pool must never queue a job
+// behind a busy worker.
+TEST(ThreadTest, ManyThreadsRunAtOnce) {
+  constexpr int count = 12;
+  std::atomic<int> arrived{0};
+  std::vector<std::unique_ptr<TestThread>> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.push_back(std::make_unique<TestThread>([&](TestThread&, bool& finished) -> ErrorInfo* {
+      ++arrived;
+      auto give = std::chrono::steady_clock::now() + 10s;
+      while (arrived < count && std::chrono::steady_clock::now() < give) std::this_thread::sleep_for(1ms);
+      finished = true;
+      return nullptr;
+    }));
+    ASSERT_EQ(threads.back()->StartRunning(), nullptr);
+  }
+  for (auto& thread : threads) thread->AwaitStoppedRunning();
+  EXPECT_EQ(arrived.load(), count);
+}
+
+TEST(ThreadTest, QuickStartsAndStopsFromSeveralThreads) {
+  std::vector<std::thread> drivers;
+  std::atomic<int> failures{0};
+  for (int d = 0; d < 3; ++d) {
+    drivers.emplace_back([&] {
+      TestThread thread([](TestThread&, bool& finished) -> ErrorInfo* {
+        finished = true;
+        return nullptr;
+      });
+      TestThread waiting(UntilStopped);
+      for (int i = 0; i < 300; ++i) {
+        ErrorInfo* first = thread.StartRunning();
+        ErrorInfo* second = waiting.StartRunning();
+        if (first || second) ++failures;
+        delete first;
+        delete second;
+        waiting.BlockingStopRunning();
+        thread.BlockingStopRunning();
+      }
+      if (thread.passes != 300 || waiting.passes != 300) ++failures;
+    });
+  }
+  for (auto& driver : drivers) driver.join();
+  EXPECT_EQ(failures.load(), 0);
+}
+
+} // namespace
+} // namespace QOR
