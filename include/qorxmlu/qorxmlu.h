@@ -26,3 +26,8 @@
 #include <qorxmlu/http/HttpClientBase.h>
 #include <qorxmlu/http/HttpClientImpInterface.h>
 #include <qorxmlu/http/HttpClient.h>
+#include <qorxmlu/query/Refcounted.h>
+#include <qorxmlu/query/SafeItem.h>
+#include <qorxmlu/query/SimpleSoap.h>
+#include <qorxmlu/query/SoapQueue.h>
+#include <qorxmlu/trace/SafeTrace.h>

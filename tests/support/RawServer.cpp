@@ -116,6 +116,19 @@ std::size_t RawConnection::ReadBody(std::size_t count, std::size_t chunk, Millis
   return done;
 }
 
+bool RawConnection::ReadBody(std::size_t count, std::string& body) {
+  body.assign(buffered, 0, std::min(count, buffered.size()));
+  buffered.erase(0, body.size());
+  char block[16 * 1024];
+  while (body.size() < count) {
+    if (!WaitFor(POLLIN, patience)) return false;
+    ssize_t got = ::recv(socket, block, std::min(sizeof block, count - body.size()), 0);
+    if (got <= 0) return false;
+    body.append(block, static_cast<std::size_t>(got));
+  }
+  return true;
+}
+
 bool RawConnection::Send(std::string_view bytes) {
   while (!bytes.empty()) {
     if (!WaitFor(POLLOUT, patience)) return false;
