@@ -12,6 +12,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -21,6 +22,7 @@
 #include <vector>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -29,6 +31,8 @@ using QOR::test::LoopbackServer;
 constexpr int smallPosts = 20000;
 constexpr std::size_t bigBody = 200u * 1024 * 1024;
 constexpr DWORD chunk = 102400;
+// How long a step watches for its completion before it sleeps, as the engine's event waits do.
+constexpr std::chrono::microseconds stepSpin(50);
 const char contentType[] = "Content-Type: multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p";
 
 LoopbackServer& Server() {
@@ -58,6 +62,16 @@ void ResetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
 double PeakAboveMb(long baselineKb) { return (StatusKb("VmHWM:") - baselineKb) / 1024.0; }
 
 // ---- libqorinet, driven like the engine ----
+
+// Watches `flag` for at most `limit`, yielding between looks; true once it is set.
+bool SpinFor(const std::atomic<bool>& flag, std::chrono::microseconds limit) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    if (flag.load(std::memory_order_acquire)) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::yield();
+  }
+}
 
 class EngineClient {
 public:
@@ -115,13 +129,13 @@ private:
   static void Callback(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID info, DWORD) {
     auto* self = reinterpret_cast<EngineClient*>(context);
     if (status == INTERNET_STATUS_REQUEST_COMPLETE) {
+      self->error = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwResult ? 0 : 1; // published by the store
       std::lock_guard<std::mutex> guard(self->lock);
-      self->error = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwResult ? 0 : 1;
-      self->completed = true;
+      self->completed.store(true, std::memory_order_release);
       self->changed.notify_one();
     } else if (status == INTERNET_STATUS_HANDLE_CLOSING && handle == self->closing) {
       std::lock_guard<std::mutex> guard(self->lock);
-      self->closed = true;
+      self->closed.store(true, std::memory_order_release);
       self->changed.notify_one();
     }
   }
@@ -130,9 +144,8 @@ private:
   bool Step(BOOL result) {
     if (result) return true;
     if (GetLastError() != ERROR_IO_PENDING) return false;
-    std::unique_lock<std::mutex> guard(lock);
-    changed.wait(guard, [this] { return completed; });
-    completed = false;
+    Await(completed);
+    completed.store(false, std::memory_order_relaxed);
     return error == 0;
   }
 
@@ -140,11 +153,16 @@ private:
     {
       std::lock_guard<std::mutex> guard(lock);
       closing = request;
-      closed = false;
+      closed.store(false, std::memory_order_relaxed);
     }
     InternetCloseHandle(request);
+    Await(closed);
+  }
+
+  void Await(const std::atomic<bool>& flag) {
+    if (SpinFor(flag, stepSpin)) return;
     std::unique_lock<std::mutex> guard(lock);
-    changed.wait(guard, [this] { return closed; });
+    changed.wait(guard, [&flag] { return flag.load(std::memory_order_relaxed); });
   }
 
   HINTERNET root = nullptr;
@@ -152,8 +170,8 @@ private:
   HINTERNET request = nullptr;
   std::mutex lock;
   std::condition_variable changed;
-  bool completed = false;
-  bool closed = false;
+  std::atomic<bool> completed{false};
+  std::atomic<bool> closed{false};
   DWORD error = 0;
   HINTERNET closing = nullptr;
 };

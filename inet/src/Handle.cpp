@@ -3,6 +3,7 @@
 #include "HandleTable.h"
 
 #include <chrono>
+#include <thread>
 
 namespace QOR::inet {
 
@@ -11,6 +12,7 @@ namespace {
 thread_local int callbacksOnThisThread = 0;
 // How long a close waits for a callback of its handle that is returning on another thread.
 constexpr std::chrono::milliseconds callbackReturnWait(5);
+constexpr std::chrono::microseconds callbackReturnSpin(50);
 } // namespace
 
 Handle::Handle(Kind kind, std::shared_ptr<Session> session) : kind(kind), context(0), session(std::move(session)) {}
@@ -69,7 +71,15 @@ bool Handle::Close() {
     // way out of that callback; waiting a moment lets HANDLE_CLOSING come here, inside the close.
     // Never from a callback: the one still running may be this thread's own.
     if (callbacksRunning > 0 && callbacksOnThisThread == 0) {
-      session->CallbacksReturned().wait_for(guard, callbackReturnWait, [this] { return callbacksRunning == 0; });
+      // Usually a matter of microseconds: watch before sleeping, which costs a wake-up as much.
+      auto returned = [this] { return callbacksRunning == 0; };
+      auto spinUntil = std::chrono::steady_clock::now() + callbackReturnSpin;
+      while (!returned() && std::chrono::steady_clock::now() < spinUntil) {
+        guard.unlock();
+        std::this_thread::yield();
+        guard.lock();
+      }
+      session->CallbacksReturned().wait_for(guard, callbackReturnWait, returned);
     }
     if (!closingSent && !Busy()) now = closingSent = true;
   }

@@ -14,6 +14,10 @@ namespace QOR::inet {
 namespace {
 
 constexpr std::size_t maxSpareEasies = 8;
+// How long the loop watches for more work before it sleeps. A caller answers a completion with
+// its next call, and a loopback server its request, well within this; a sleep and wake-up costs
+// about as much again on a busy machine.
+constexpr std::chrono::microseconds loopSpin(50);
 // The session whose libcurl lock this thread holds (the innermost, when callbacks nest).
 thread_local Session* curlHolder = nullptr;
 
@@ -107,12 +111,15 @@ void Session::Wake() {
 }
 
 void Session::Post(std::function<void()> command) {
+  bool wake = false;
   {
     std::lock_guard<std::mutex> guard(queueLock);
     if (stopped) return;
     commands.push_back(std::move(command));
+    // Awake, the loop looks at the queue before it sleeps.
+    wake = sleeping;
   }
-  Wake();
+  if (wake) Wake();
 }
 
 void Session::PostQuietly(std::function<void()> command) {
@@ -124,6 +131,7 @@ void Session::PostWithin(std::function<void()> command, std::chrono::microsecond
   std::lock_guard<std::mutex> guard(queueLock);
   if (stopped) return;
   commands.push_back(std::move(command));
+  if (!sleeping) return; // the loop runs it before it sleeps
   auto due = Clock::now() + delay;
   if (due >= timerFdDue) return; // an earlier wake-up is set already
   timerFdDue = due;
@@ -177,14 +185,7 @@ void Session::Run() {
       reports.swap(afterUnlock);
     }
     for (auto& report : reports) report();
-    {
-      std::lock_guard<std::mutex> guard(queueLock);
-      if (!commands.empty() || stopRequested) {
-        ready = 0;
-        continue;
-      }
-    }
-    ready = epoll_wait(epollFd, events, 64, wait);
+    ready = Await(events, 64, wait);
     for (int i = 0; i < ready; ++i) {
       if (events[i].data.fd != wakeFd && events[i].data.fd != timerFd) continue;
       uint64_t count = 0;
@@ -198,6 +199,33 @@ void Session::Run() {
   }
   CurlGuard guard(*this);
   Shutdown();
+}
+
+bool Session::CommandsWaiting() {
+  std::lock_guard<std::mutex> guard(queueLock);
+  return !commands.empty() || stopRequested;
+}
+
+int Session::Await(epoll_event* events, int capacity, int milliseconds) {
+  if (milliseconds != 0) {
+    auto deadline = Clock::now() + loopSpin;
+    for (;;) {
+      if (CommandsWaiting()) return 0;
+      int ready = epoll_wait(epollFd, events, capacity, 0);
+      if (ready != 0) return ready;
+      if (Clock::now() >= deadline) break;
+      std::this_thread::yield();
+    }
+  }
+  {
+    std::lock_guard<std::mutex> guard(queueLock);
+    if (!commands.empty() || stopRequested) return 0;
+    sleeping = true;
+  }
+  int ready = epoll_wait(epollFd, events, capacity, milliseconds);
+  std::lock_guard<std::mutex> guard(queueLock);
+  sleeping = false;
+  return ready;
 }
 
 void Session::ActOnEvents(curl_socket_t socket, uint32_t events) {

@@ -8,8 +8,11 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <time.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 namespace QOR::inettest {
 namespace {
@@ -49,6 +52,44 @@ TEST(InetCallTest, RootHandleOwnsOneThreadAndItsCloseStopsIt) {
   EXPECT_EQ(ThreadCount(), before);
   EXPECT_FALSE(InternetCloseHandle(root));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+}
+
+// CPU time this process uses while the test thread sleeps for `time`.
+std::chrono::milliseconds CpuWhileSleeping(std::chrono::milliseconds time) {
+  auto cpuNow = [] {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  };
+  auto before = cpuNow();
+  std::this_thread::sleep_for(time);
+  return std::chrono::duration_cast<std::chrono::milliseconds>(cpuNow() - before);
+}
+
+TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
+  using std::chrono::milliseconds;
+  // After a completed request, and with a request whose reply never comes, the loop thread and
+  // the closing caller must sleep, not keep watching.
+  RawServer server([](RawConnection& connection) {
+    RawConnection::Head head;
+    if (!connection.ReadHead(head)) return;
+    connection.ReadBody(head.contentLength);
+    connection.Hold(milliseconds(10000));
+  });
+  LoopbackServer answering;
+  answering.Start();
+  InetDriver idle;
+  std::string reply;
+  ASSERT_TRUE(idle.Open() && idle.Connect(answering.HostPort()) && idle.Post("/echo", "x", reply).ok);
+  EXPECT_LT(CpuWhileSleeping(milliseconds(300)).count(), 60);
+
+  InetDriver stalled;
+  stalled.SetWaits(milliseconds(300), milliseconds(3000));
+  ASSERT_TRUE(stalled.Open() && stalled.Connect(server.HostPort()) && stalled.OpenRequest("/stall"));
+  ASSERT_TRUE(stalled.SendEx(4).ok && stalled.Write("body", 4).ok);
+  ASSERT_TRUE(stalled.End(false).pending);
+  EXPECT_LT(CpuWhileSleeping(milliseconds(300)).count(), 60);
+  EXPECT_TRUE(stalled.CloseRequest().ok);
 }
 
 TEST(InetCallTest, OnlyAsynchronousModeIsOffered) {

@@ -2,10 +2,12 @@
 
 #include "EventLock.h"
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <memory>
+#include <thread>
 
 namespace QOR {
 
@@ -68,6 +70,7 @@ void Event::WakeWaiters() {
 namespace {
 
 constexpr int inlineEntries = 4;
+constexpr std::chrono::microseconds waitSpin(50);
 
 void Link(detail::EventWaiter*& head, detail::EventWaiter& waiter) {
   waiter.prev = nullptr;
@@ -120,6 +123,16 @@ int WaitOnEvents(SVArray<Event*, Event*>& events, int milliseconds) {
     Link(entries[i]->waiters, waiters[i]);
   }
 
+  // A Set usually comes within microseconds (a completion on another thread): watch for it a
+  // moment before sleeping, whose wake-up costs as much again. Linked already, the wait misses
+  // no Set meanwhile.
+  auto spinUntil = std::chrono::steady_clock::now() + waitSpin;
+  if (milliseconds > 0) spinUntil = std::min(spinUntil, deadline);
+  while (slot.woken == INT_MAX && std::chrono::steady_clock::now() < spinUntil) {
+    lock.unlock();
+    std::this_thread::yield();
+    lock.lock();
+  }
   bool timedOut = false;
   while (slot.woken == INT_MAX && !timedOut) {
     if (milliseconds < 0)
