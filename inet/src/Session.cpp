@@ -293,7 +293,8 @@ void Session::Shutdown() {
 int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, void* assigned) {
   auto* self = static_cast<Session*>(user);
   if (what == CURL_POLL_REMOVE) {
-    epoll_ctl(self->epollFd, EPOLL_CTL_DEL, socket, nullptr);
+    // libcurl may report the removal after it closed the socket; CloseSocket took it out then.
+    if (self->watchedSockets.erase(socket)) epoll_ctl(self->epollFd, EPOLL_CTL_DEL, socket, nullptr);
     curl_multi_assign(self->multi, socket, nullptr);
     return 0;
   }
@@ -308,8 +309,15 @@ int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, vo
     if (errno != EEXIST) return -1;
     epoll_ctl(self->epollFd, EPOLL_CTL_MOD, socket, &event);
   }
+  self->watchedSockets.insert(socket);
   curl_multi_assign(self->multi, socket, self);
   return 0;
+}
+
+int Session::CloseSocket(void* user, curl_socket_t socket) {
+  auto* self = static_cast<Session*>(user);
+  if (self->watchedSockets.erase(socket)) epoll_ctl(self->epollFd, EPOLL_CTL_DEL, socket, nullptr);
+  return close(socket);
 }
 
 int Session::TimerChanged(CURLM*, long milliseconds, void* user) {

@@ -22,6 +22,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace QOR::inet {
@@ -101,6 +102,9 @@ public:
   CURL* TakeEasy();
   // An easy handle that is no longer attached, for the next request.
   void GiveBackEasy(CURL* easy);
+  // libcurl's close of a socket (CURLOPT_CLOSESOCKETFUNCTION, data = the session): the socket
+  // leaves epoll before it closes, since its number may be taken by another thread at once.
+  static int CloseSocket(void* session, curl_socket_t socket);
 
 private:
   explicit Session(Settings settings);
@@ -115,6 +119,7 @@ private:
   int WaitMilliseconds();
   void Shutdown();
   static int SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void* assigned);
+  std::unordered_set<curl_socket_t> watchedSockets; // in epoll now; under the libcurl lock
   static int TimerChanged(CURLM* multi, long milliseconds, void* user);
 
   Settings settings;

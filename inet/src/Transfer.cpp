@@ -92,6 +92,8 @@ bool Transfer::Start(const Plan& plan, std::shared_ptr<RequestHandle> owner) {
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBufferSize);
   curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &Transfer::OpenSocket);
   curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, user);
+  curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &Session::CloseSocket);
+  curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, &session);
   curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &Transfer::RequestReady);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, user);
   if (plan.connectTimeoutMs > 0) curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, plan.connectTimeoutMs);
