@@ -2,6 +2,7 @@
 
 #include "RequestHandle.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -100,6 +101,7 @@ Session::~Session() {
   // The last owner is the loop thread itself when nothing joined it: it ends right after this.
   if (loop.joinable()) loop.detach();
   if (multi) curl_multi_cleanup(multi);
+  for (auto& watched : watchers) close(watched.second);
   if (epollFd >= 0) close(epollFd);
   if (wakeFd >= 0) close(wakeFd);
   if (timerFd >= 0) close(timerFd);
@@ -290,33 +292,46 @@ void Session::Shutdown() {
 
 // ---- libcurl's sockets and timer ----
 
-int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, void* assigned) {
+// epoll watches a private duplicate of each libcurl socket, never libcurl's own number: libcurl
+// closes a socket that is still connecting without the close hook and reports its removal
+// afterwards, when another thread may already have been given the same number.
+int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, void*) {
   auto* self = static_cast<Session*>(user);
+  auto watched = self->watchers.find(socket);
   if (what == CURL_POLL_REMOVE) {
-    // libcurl may report the removal after it closed the socket; CloseSocket took it out then.
-    if (self->watchedSockets.erase(socket)) epoll_ctl(self->epollFd, EPOLL_CTL_DEL, socket, nullptr);
-    curl_multi_assign(self->multi, socket, nullptr);
+    if (watched != self->watchers.end()) self->StopWatching(watched);
     return 0;
   }
   epoll_event event{};
   event.events = EpollEvents(what);
   event.data.fd = socket;
-  if (assigned) {
-    epoll_ctl(self->epollFd, EPOLL_CTL_MOD, socket, &event);
-    return 0;
+  if (watched != self->watchers.end()) return epoll_ctl(self->epollFd, EPOLL_CTL_MOD, watched->second, &event);
+  int duplicate = fcntl(socket, F_DUPFD_CLOEXEC, 0); // libcurl's socket is open in this call
+  if (duplicate < 0) return -1;
+  if (epoll_ctl(self->epollFd, EPOLL_CTL_ADD, duplicate, &event) != 0) {
+    close(duplicate);
+    return -1;
   }
-  if (epoll_ctl(self->epollFd, EPOLL_CTL_ADD, socket, &event) != 0) {
-    if (errno != EEXIST) return -1;
-    epoll_ctl(self->epollFd, EPOLL_CTL_MOD, socket, &event);
-  }
-  self->watchedSockets.insert(socket);
-  curl_multi_assign(self->multi, socket, self);
+  self->watchers.emplace(socket, duplicate);
   return 0;
+}
+
+void Session::StopWatching(std::unordered_map<curl_socket_t, int>::iterator watched) {
+  epoll_ctl(epollFd, EPOLL_CTL_DEL, watched->second, nullptr);
+  close(watched->second);
+  watchers.erase(watched);
+}
+
+void Session::SocketOpened(curl_socket_t socket) {
+  // A new socket with a watched number means the old one was closed unreported.
+  auto stale = watchers.find(socket);
+  if (stale != watchers.end()) StopWatching(stale);
 }
 
 int Session::CloseSocket(void* user, curl_socket_t socket) {
   auto* self = static_cast<Session*>(user);
-  if (self->watchedSockets.erase(socket)) epoll_ctl(self->epollFd, EPOLL_CTL_DEL, socket, nullptr);
+  auto watched = self->watchers.find(socket);
+  if (watched != self->watchers.end()) self->StopWatching(watched);
   return close(socket);
 }
 

@@ -22,7 +22,6 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace QOR::inet {
@@ -102,9 +101,11 @@ public:
   CURL* TakeEasy();
   // An easy handle that is no longer attached, for the next request.
   void GiveBackEasy(CURL* easy);
-  // libcurl's close of a socket (CURLOPT_CLOSESOCKETFUNCTION, data = the session): the socket
-  // leaves epoll before it closes, since its number may be taken by another thread at once.
+  // libcurl's close of a socket (CURLOPT_CLOSESOCKETFUNCTION, data = the session): its watch ends
+  // before it closes.
   static int CloseSocket(void* session, curl_socket_t socket);
+  // A socket libcurl has just been given (CURLOPT_OPENSOCKETFUNCTION).
+  void SocketOpened(curl_socket_t socket);
 
 private:
   explicit Session(Settings settings);
@@ -119,7 +120,9 @@ private:
   int WaitMilliseconds();
   void Shutdown();
   static int SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void* assigned);
-  std::unordered_set<curl_socket_t> watchedSockets; // in epoll now; under the libcurl lock
+  void StopWatching(std::unordered_map<curl_socket_t, int>::iterator watched);
+  // libcurl's socket -> the duplicate of it that epoll watches; under the libcurl lock.
+  std::unordered_map<curl_socket_t, int> watchers;
   static int TimerChanged(CURLM* multi, long milliseconds, void* user);
 
   Settings settings;

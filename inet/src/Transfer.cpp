@@ -91,7 +91,7 @@ bool Transfer::Start(const Plan& plan, std::shared_ptr<RequestHandle> owner) {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, user);
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBufferSize);
   curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &Transfer::OpenSocket);
-  curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, user);
+  curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
   curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &Session::CloseSocket);
   curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, &session);
   curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &Transfer::RequestReady);
@@ -145,7 +145,10 @@ DWORD Transfer::ErrorOf(CURLcode code) const {
 curl_socket_t Transfer::OpenSocket(void* user, curlsocktype purpose, curl_sockaddr* address) {
   if (purpose != CURLSOCKTYPE_IPCXN) return CURL_SOCKET_BAD;
   curl_socket_t socket = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (socket != CURL_SOCKET_BAD) Owner(user).SocketOpening(AddressText(&address->addr));
+  if (socket == CURL_SOCKET_BAD) return socket;
+  auto& self = *static_cast<Transfer*>(user);
+  self.session.SocketOpened(socket);
+  self.request.SocketOpening(AddressText(&address->addr));
   return socket;
 }
 
