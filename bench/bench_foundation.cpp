@@ -10,6 +10,8 @@
 #include <qorxmlu/foundation/Thread.h>
 #include <qorxmlu/foundation/VArray.h>
 
+#include "InterleavedRuns.h"
+
 #include <benchmark/benchmark.h>
 #include <unicode/ustring.h>
 
@@ -402,17 +404,8 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("wake/condition_variable", ConditionVariableLatency)->Iterations(1)->UseRealTime();
 
   // Five interleaved repetitions unless the command line says otherwise.
-  std::vector<char*> args(argv, argv + argc);
-  std::string repetitions = "--benchmark_repetitions=5";
-  std::string interleave = "--benchmark_enable_random_interleaving=true";
-  auto given = [&](const char* flag) {
-    return std::any_of(args.begin() + 1, args.end(), [&](char* arg) { return std::strstr(arg, flag) != nullptr; });
-  };
-  if (!given("--benchmark_repetitions")) args.push_back(repetitions.data());
-  if (!given("--benchmark_enable_random_interleaving")) args.push_back(interleave.data());
-  int count = static_cast<int>(args.size());
-  args.push_back(nullptr);
-  benchmark::Initialize(&count, args.data());
+  bench::InterleavedRuns runs(argc, argv, 5);
+  benchmark::Initialize(runs.Count(), runs.Args());
   Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);
   PrintTable(collector);

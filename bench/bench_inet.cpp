@@ -8,6 +8,8 @@
 
 #include <qorinet/wininet.h>
 
+#include "InterleavedRuns.h"
+
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 
@@ -352,17 +354,8 @@ int main(int argc, char** argv) {
 
   // Three interleaved repetitions unless the command line says otherwise: the machine is shared,
   // and the best of each is the fairer figure.
-  std::vector<char*> args(argv, argv + argc);
-  std::string repetitions = "--benchmark_repetitions=3";
-  std::string interleave = "--benchmark_enable_random_interleaving=true";
-  auto given = [&](const char* flag) {
-    return std::any_of(args.begin() + 1, args.end(), [&](char* arg) { return std::strstr(arg, flag) != nullptr; });
-  };
-  if (!given("--benchmark_repetitions")) args.push_back(repetitions.data());
-  if (!given("--benchmark_enable_random_interleaving")) args.push_back(interleave.data());
-  int count = static_cast<int>(args.size());
-  args.push_back(nullptr);
-  benchmark::Initialize(&count, args.data());
+  QOR::bench::InterleavedRuns runs(argc, argv, 3);
+  benchmark::Initialize(runs.Count(), runs.Args());
   Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);
   PrintTable(collector);
