@@ -3,7 +3,7 @@
 #include "Commands.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"qorxml: documents, requests and queries of the qorxmlu library"};
+  CLI::App app{"qorxml: documents, requests and queries of the qorxmlu library", "qorxml"};
   app.require_subcommand(1);
   int exitStatus = 0;
   qorxml::AddCheckCommand(app, exitStatus);
