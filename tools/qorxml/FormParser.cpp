@@ -8,16 +8,23 @@ namespace qorxml {
 
 namespace {
 
-// One request held in memory, as cpp-httplib reads it from a socket.
+// One request held in memory, as cpp-httplib reads it from a socket: its head, then the body,
+// then what the body lacks at its end. The body is read where it lies.
 class MemoryStream : public httplib::Stream {
 public:
-  explicit MemoryStream(std::string request) : input(std::move(request)) {}
+  MemoryStream(std::string head, const std::string& body, std::string tail)
+      : pieces{std::move(head), std::string(), std::move(tail)}, body(body) {}
 
   bool is_readable() const override { return true; }
   bool is_writable() const override { return true; }
   ssize_t read(char* ptr, size_t size) override {
-    size_t count = std::min(size, input.size() - position);
-    std::memcpy(ptr, input.data() + position, count);
+    while (piece < 3 && position == Piece().size()) {
+      ++piece;
+      position = 0;
+    }
+    if (piece == 3) return 0;
+    size_t count = std::min(size, Piece().size() - position);
+    std::memcpy(ptr, Piece().data() + position, count);
     position += count;
     return static_cast<ssize_t>(count);
   }
@@ -30,14 +37,18 @@ public:
   socket_t socket() const override { return INVALID_SOCKET; }
 
 private:
-  std::string input;
+  const std::string& Piece() const { return piece == 1 ? body : pieces[piece]; }
+
+  std::string pieces[3];
+  const std::string& body;
+  int piece = 0;
   size_t position = 0;
 };
 
 // cpp-httplib parses forms only while it serves a request; this server serves one from memory.
 class FormServer : private httplib::Server {
 public:
-  bool Parse(const std::string& contentType, const std::string& body,
+  bool Parse(const std::string& contentType, const std::string& body, const std::string& tail,
              const std::function<bool(const FormPartHead&)>& onPart,
              const std::function<bool(const char*, std::size_t)>& onData) {
     bool parsed = false;
@@ -48,9 +59,11 @@ public:
           },
           [&](const char* data, size_t length) { return onData(data, length); });
     });
-    set_payload_max_length(body.size() + 1);
-    MemoryStream stream("POST / HTTP/1.1\r\nContent-Type: " + contentType +
-                        "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    std::size_t length = body.size() + tail.size();
+    set_payload_max_length(length + 1);
+    MemoryStream stream("POST / HTTP/1.1\r\nContent-Type: " + contentType + "\r\nContent-Length: " +
+                            std::to_string(length) + "\r\n\r\n",
+                        body, tail);
     bool closed = false;
     process_request(stream, true, closed, nullptr);
     return parsed;
@@ -73,7 +86,7 @@ bool EndsWith(const std::string& text, const std::string& end) {
 
 } // namespace
 
-bool ParseForm(const std::string& contentType, std::string body,
+bool ParseForm(const std::string& contentType, const std::string& body,
                const std::function<bool(const FormPartHead&)>& onPart,
                const std::function<bool(const char*, std::size_t)>& onData) {
   std::string boundary = Boundary(contentType);
@@ -84,8 +97,7 @@ bool ParseForm(const std::string& contentType, std::string body,
     return true;
   // RFC 2046 lets a body end right after the close delimiter, as the library's bodies do;
   // cpp-httplib wants a line end there.
-  if (EndsWith(body, close)) body += "\r\n";
-  return FormServer().Parse(contentType, body, onPart, onData);
+  return FormServer().Parse(contentType, body, EndsWith(body, close) ? "\r\n" : "", onPart, onData);
 }
 
 } // namespace qorxml

@@ -14,7 +14,7 @@ struct FormPartHead {
 
 // Calls onPart at the head of each part and onData for its bytes, in order. False if the body is
 // no well-formed form for contentType, or a callback returned false.
-bool ParseForm(const std::string& contentType, std::string body,
+bool ParseForm(const std::string& contentType, const std::string& body,
                const std::function<bool(const FormPartHead&)>& onPart,
                const std::function<bool(const char*, std::size_t)>& onData);
 

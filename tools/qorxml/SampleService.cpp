@@ -10,6 +10,7 @@
 #include <openssl/evp.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <ctime>
 #include <fstream>
