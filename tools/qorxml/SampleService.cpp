@@ -51,6 +51,11 @@ QOR::String OneLine(std::string text) {
   return Text(text);
 }
 
+bool IsTraceScript(const std::string& path) {
+  const std::string script = traceScript;
+  return path.size() >= script.size() && path.compare(path.size() - script.size(), script.size(), script) == 0;
+}
+
 // A file name that is safe in any folder: letters, digits, '.', '-' and '_' only.
 std::string SafeFileName(const std::string& name) {
   std::string safe;
@@ -174,10 +179,12 @@ bool LocalService::Start(std::string& error) {
 void LocalService::AddRoutes() {
   server->set_payload_max_length(std::size_t(1) << 30);
   server->set_keep_alive_timeout(30);
-  // cpp-httplib would parse a multipart body before the route runs and refuse the library's;
-  // the route reads it raw and hands it to ParseForm.
+  // cpp-httplib reads a multipart body as a form before the route runs, and refuses one that ends
+  // right at its close delimiter, as the library's bodies do. The route reads the body raw instead
+  // and hands it to ParseForm.
   server->set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
     auto& headers = const_cast<httplib::Headers&>(request.headers);
+    headers.erase("X-Form-Content-Type");
     auto type = headers.find("Content-Type");
     if (type != headers.end() && type->second.rfind("multipart/", 0) == 0) {
       headers.emplace("X-Form-Content-Type", type->second);
@@ -207,10 +214,7 @@ void LocalService::Answer(const httplib::Request& request, httplib::Response& re
     response.set_content("Bad request: the body is not a multipart/form-data form\n", "text/plain");
     return;
   }
-  bool storeUploads = request.path.size() >= sizeof traceScript - 1 &&
-                      request.path.compare(request.path.size() - (sizeof traceScript - 1), std::string::npos,
-                                           traceScript) == 0;
-  if (!ReadForm(request, storeUploads, form)) {
+  if (!ReadForm(request, IsTraceScript(request.path), form)) {
     response.status = 400;
     response.set_content("Bad request: malformed multipart/form-data body\n", "text/plain");
     return;
