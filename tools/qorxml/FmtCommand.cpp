@@ -26,7 +26,6 @@ int RunFmt(const FmtOptions& options) {
     return 1;
   }
   if (options.output.empty()) {
-    SetBinaryStdout();
     WriteStdout(Utf8(document.GetText()));
   }
   return 0;

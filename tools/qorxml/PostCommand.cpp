@@ -68,7 +68,6 @@ int RunPost(const PostOptions& options) {
     std::cerr << "qorxml post: " << error << std::endl;
     return 1;
   }
-  SetBinaryStdout();
   WriteStdout(reply);
   return 0;
 }

@@ -45,7 +45,6 @@ QOR::SimpleSoap* MakeQuery(const QueryOptions& options) {
 void PrintReply(const QOR::SimpleSoap& query) {
   const QOR::XMLTag* top = query.TopTag();
   if (!top || (top->GetName().IsEmpty() && top->NoOfNestedTags() == 0)) return;
-  SetBinaryStdout();
   WriteStdout(Utf8(query.GetText()));
 }
 
