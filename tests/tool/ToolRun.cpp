@@ -1,6 +1,9 @@
 #include "ToolRun.h"
 
 #include "SampleService.h"
+#include "TempDir.h"
+
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 
@@ -15,6 +18,7 @@ namespace {
 struct ServiceOfTheRun {
   std::string address;
   std::filesystem::path uploads;
+  std::unique_ptr<TempDir> folder;
   std::unique_ptr<qorxml::SampleService> local;
 
   ServiceOfTheRun() {
@@ -22,7 +26,8 @@ struct ServiceOfTheRun {
       address = given;
       return;
     }
-    uploads = std::filesystem::temp_directory_path() / ("qorxml-test-uploads-" + std::to_string(std::rand()));
+    folder = std::make_unique<TempDir>();
+    uploads = folder->Path("uploads");
     qorxml::ServiceSettings settings;
     settings.port = 0;
     settings.uploadFolder = uploads;
@@ -30,10 +35,10 @@ struct ServiceOfTheRun {
     local = qorxml::StartSampleService(settings, error);
     if (local) address = "127.0.0.1:" + std::to_string(local->Port());
   }
-  ~ServiceOfTheRun() {
+  ~ServiceOfTheRun() { Stop(); }
+  void Stop() {
     local.reset();
-    std::error_code ignored;
-    if (!uploads.empty()) std::filesystem::remove_all(uploads, ignored);
+    folder.reset();
   }
 };
 
@@ -41,6 +46,13 @@ ServiceOfTheRun& TheService() {
   static ServiceOfTheRun service;
   return service;
 }
+
+// The service stops when the tests end, before the statics that its threads use are destroyed.
+class ServiceStop : public testing::Environment {
+public:
+  void TearDown() override { TheService().Stop(); }
+};
+testing::Environment* const serviceStop = testing::AddGlobalTestEnvironment(new ServiceStop);
 
 } // namespace
 

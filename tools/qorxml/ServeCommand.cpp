@@ -76,9 +76,9 @@ void AddServeCommand(CLI::App& app, int& exitStatus) {
   CLI::App* command = app.add_subcommand("serve", "Run the sample web service (loopback unless told otherwise)");
   command->add_option("--listen", options->listen, "ADDR:PORT to listen on (default 127.0.0.1:8080; port 0: any)");
   command->add_option("--dir", options->folder, "Folder for uploads to php/SafeTrace.php (default qorxml-uploads)");
-  command->add_option("--tls", options->tls, "Serve HTTPS with this certificate and key (PEM files)")
+  command->add_option("--tls", options->tls, "Serve HTTPS with a certificate and its key: CERT KEY (PEM files)")
       ->expected(2)
-      ->type_name("CERT KEY");
+      ->type_name("FILE");
   command->callback([options, &exitStatus] { exitStatus = RunServe(*options); });
 }
 
