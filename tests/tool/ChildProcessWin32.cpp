@@ -61,9 +61,9 @@ ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::s
   static int runs = 0;
   auto stem = std::filesystem::temp_directory_path() /
               ("qorxml-child-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++runs));
-  auto outPath = std::filesystem::path(stem.wstring() + L".out"), errPath = std::filesystem::path(stem.wstring() + L".err");
+  std::filesystem::path outPath = stem.wstring() + L".out", errPath = stem.wstring() + L".err";
   for (const auto& [name, value] : extraEnvironment)
-    SetEnvironmentVariableW(std::filesystem::path(name).wstring().c_str(), std::filesystem::path(value).wstring().c_str());
+    SetEnvironmentVariableW(std::filesystem::u8path(name).c_str(), std::filesystem::u8path(value).c_str());
 
   std::filesystem::path executable = WindowsPath(program);
   std::wstring commandLine = Quoted(executable.wstring());
@@ -93,7 +93,7 @@ ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::s
   for (HANDLE handle : {startup.hStdInput, startup.hStdOutput, startup.hStdError})
     if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
   for (const auto& entry : extraEnvironment)
-    SetEnvironmentVariableW(std::filesystem::path(entry.first).wstring().c_str(), nullptr);
+    SetEnvironmentVariableW(std::filesystem::u8path(entry.first).c_str(), nullptr);
   run.out = ReadAndRemove(outPath);
   run.err = ReadAndRemove(errPath);
   return run;

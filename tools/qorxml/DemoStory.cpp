@@ -114,8 +114,9 @@ int Story::Run() {
   }
   service->Stop();
   Say("service", "answered " + std::to_string(service->Requests()) + " requests, stopped; demo files removed");
-  Say("done", (surprises ? std::to_string(surprises) + " steps did not go as expected" : std::string("every step as expected")) +
-                  Took(start));
+  std::string verdict =
+      surprises ? std::to_string(surprises) + " steps did not go as expected" : "every step as expected";
+  Say("done", verdict + Took(start));
   return surprises ? 1 : 0;
 }
 
@@ -188,9 +189,9 @@ void Story::Queries() {
   for (int i = 0; i < 3; ++i) {
     const Outcome& outcome = outcomes[i];
     bool expected = (i == 2) != outcome.error.empty();
-    Say("", "thread " + std::to_string(i + 1) + ": " + (outcome.error.empty() ? "success" : "error \"" + outcome.error + "\"") +
-                " after " + std::to_string(outcome.doneAfterMs) + " ms; the service saw " +
-                (outcome.caller.empty() ? "no caller" : outcome.caller),
+    std::string judged = outcome.error.empty() ? "success" : "error \"" + outcome.error + "\"";
+    Say("", "thread " + std::to_string(i + 1) + ": " + judged + " after " + std::to_string(outcome.doneAfterMs) +
+                " ms; the service saw " + (outcome.caller.empty() ? "no caller" : outcome.caller),
         expected);
   }
 }
