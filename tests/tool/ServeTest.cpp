@@ -7,6 +7,10 @@
 
 #include <httplib.h>
 
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -99,6 +103,28 @@ TEST(SampleServiceTest, ServesHttpsWithTheGivenCertificate) {
                         {{"SSL_CERT_FILE", pki.CaFile()}});
   EXPECT_EQ(run.exitStatus, 0) << run.err;
   EXPECT_THAT(run.out, HasSubstr("<Path>/secure</Path>"));
+}
+
+TEST(SampleServiceTest, LogsOneLinePerRequest) {
+  std::ostringstream log;
+  qorxml::ServiceSettings settings;
+  settings.port = 0;
+  settings.log = &log;
+  std::string error;
+  auto service = qorxml::StartSampleService(settings, error);
+  ASSERT_TRUE(service) << error;
+  std::string address = "127.0.0.1:" + std::to_string(service->Port());
+  EXPECT_EQ(Qorxml({"post", address, "/first", "-F", "a=1", "-F", "b=2"}).exitStatus, 0);
+  httplib::Client("http://" + address).Post("/second", "not a form", "text/plain");
+  service->Stop();
+  EXPECT_EQ(service->Requests(), 2u);
+  std::istringstream lines(log.str());
+  std::string first, second, more;
+  std::getline(lines, first);
+  std::getline(lines, second);
+  EXPECT_THAT(first, testing::MatchesRegex("[0-9:]{8} 127\\.0\\.0\\.1 POST /first 200 in=[0-9]+ out=[0-9]+ fields=2"));
+  EXPECT_THAT(second, HasSubstr(" POST /second 400 in=10 "));
+  EXPECT_FALSE(std::getline(lines, more));
 }
 
 TEST(ServeCommandTest, RefusesWhatItCannotServe) {
