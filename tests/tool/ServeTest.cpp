@@ -5,14 +5,13 @@
 #include "TestPki.h"
 #include "ToolRun.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <httplib.h>
 
 #include <fstream>
 #include <iterator>
 #include <sstream>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 using testing::HasSubstr;
 
