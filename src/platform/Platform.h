@@ -44,12 +44,6 @@ int CloseFile(FileHandle* file);
 std::uint64_t FileSize(FileHandle* file);
 std::uint64_t FilePosition(FileHandle* file);
 
-// Memory straight from the system, in blocks of LargeBlockSize() bytes at that alignment, so the
-// system may back each with large pages. Null when it has none to give.
-std::size_t LargeBlockSize();
-void* AllocateLargeBlock();
-void FreeLargeBlock(void* block) noexcept;
-
 // The system's 8-bit code page for code page 0: 65001 on Linux, the ANSI code page on Windows.
 unsigned SystemCodePage();
 // Conversions through the system for code pages the portable tables don't know. Return false if

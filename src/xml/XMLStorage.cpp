@@ -1,8 +1,6 @@
 // The storage of tags and texts: arenas, attribute blocks, tag texts and nested-tag lists.
 #include "xml/XMLStorage.h"
 
-#include "platform/Platform.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -31,7 +29,6 @@ void* AllocateOrThrow(std::size_t bytes) {
 struct XMLArena::Chunk {
   Chunk* previous;
   std::size_t size;
-  bool large; // a large block from the system
 };
 
 XMLArena* XMLArena::Create() { return new XMLArena; }
@@ -39,8 +36,7 @@ XMLArena* XMLArena::Create() { return new XMLArena; }
 XMLArena::~XMLArena() {
   while (chunks) {
     Chunk* previous = chunks->previous;
-    if (chunks->large) platform::FreeLargeBlock(chunks);
-    else std::free(chunks);
+    std::free(chunks);
     chunks = previous;
   }
 }
@@ -61,24 +57,13 @@ void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
     if (bytes > std::numeric_limits<std::size_t>::max() - sizeof(Chunk)) throw std::bad_alloc();
     auto* own = static_cast<Chunk*>(AllocateOrThrow(sizeof(Chunk) + bytes));
     own->size = sizeof(Chunk) + bytes;
-    own->large = false;
     own->previous = chunks ? chunks->previous : nullptr;
     if (chunks) chunks->previous = own;
     else chunks = own;
     return own + 1;
   }
   nextChunkSize = size;
-  Chunk* chunk = nullptr;
-  if (nextChunkSize == largestChunkSize) {
-    // A document this large takes whole blocks from the system, which it can back with large pages.
-    chunk = static_cast<Chunk*>(platform::AllocateLargeBlock());
-    if (chunk) nextChunkSize = platform::LargeBlockSize();
-  }
-  if (chunk) chunk->large = true;
-  else {
-    chunk = static_cast<Chunk*>(AllocateOrThrow(nextChunkSize));
-    chunk->large = false;
-  }
+  auto* chunk = static_cast<Chunk*>(AllocateOrThrow(nextChunkSize));
   chunk->previous = chunks;
   chunk->size = nextChunkSize;
   chunks = chunk;

@@ -141,16 +141,4 @@ bool SystemFromMultibyte(const char* text, std::size_t length, unsigned codePage
   return true;
 }
 
-// Large blocks come from VirtualAlloc, committed at once; large pages would need a privilege that
-// hosts rarely hold.
-std::size_t LargeBlockSize() { return 4 * 1024 * 1024; }
-
-void* AllocateLargeBlock() {
-  return VirtualAlloc(nullptr, LargeBlockSize(), MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
-}
-
-void FreeLargeBlock(void* block) noexcept {
-  if (block) VirtualFree(block, 0, MEM_RELEASE);
-}
-
 } // namespace QOR::platform
