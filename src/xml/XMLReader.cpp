@@ -317,8 +317,8 @@ ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line& rawLine,
   if (end != none && end <= start) return Fail(message::badlyPlacedTagEnd);
   if (close == none || close < start) return Fail(message::badlyFormedData);
   const View inner = line.substr(start + 1, close - start - 1);
-  std::size_t nameLength = inner.find_first_of(u" \t");
-  if (nameLength == none) nameLength = inner.size();
+  std::size_t nameLength = 0;
+  while (nameLength < inner.size() && inner[nameLength] != u' ' && inner[nameLength] != u'\t') ++nameLength;
   if (nameLength == 0) return Fail(message::badlyFormedName);
   const View name = inner.substr(0, nameLength);
   storage.SetText(tag, XMLTagAccess::Name(tag), name);
