@@ -226,8 +226,8 @@ private:
   // Destroys every tag below this one, leaving nestedTags empty.
   void DestroyNestedTags() noexcept;
   // A deep copy of source under owner. With tags given, the nested tags are made there and share
-  // texts and attribute lists with source (the top tag shares nothing); without, the copy borrows
-  // nothing and shares only attribute lists that own their texts.
+  // texts and attribute lists with source, and a top tag copy holds texts of its own; without,
+  // the copy borrows nothing and shares only attribute lists that own their texts.
   static XMLTag* CopyTag(const XMLTag& source, XMLTag* owner, detail::XMLArena* tags);
   // Gives up the attribute list.
   void DropAttributes() noexcept;
