@@ -106,5 +106,26 @@ TEST(XMLReadTreeTest, AFailedReadKeepsWhatItFinished) {
   EXPECT_EQ(Picture(*doc.TopTag()), "A{B}");
 }
 
+TEST(XMLReadTreeTest, LongTextsAndManyTagsComeBackWhole) {
+  // Texts longer than the storage takes in one piece, before and between many small tags.
+  const String longValue(std::u16string(300000, u'x'));
+  String text(u"<?xml version=\"1.0\"?>\r\n<Top>\r\n");
+  text << u"<First>" << longValue << u"</First>\r\n";
+  for (int i = 0; i < 20000; ++i) text << u"<Tag N=\"" << i << u"\">v</Tag>\r\n";
+  text << u"<Last L=\"" << longValue << u"\" />\r\n</Top>\r\n";
+  XML doc;
+  ASSERT_EQ(Outcome(doc.ReadText(text)), "");
+  const XML copy(doc);
+  doc.TopTag()->GetNestedTag(0)->SetValue(u"short");
+  for (const XML* each : {static_cast<const XML*>(&doc), &copy}) {
+    const XMLTag* top = each->TopTag();
+    ASSERT_EQ(top->NoOfNestedTags(), 20002u);
+    EXPECT_EQ(top->GetNestedTag(12346)->GetAttrVal(0).ToUtf8(), "12345");
+    EXPECT_EQ(top->GetNestedTag(20001)->GetAttrVal(0), longValue);
+  }
+  EXPECT_EQ(copy.TopTag()->GetNestedTag(0)->GetValue(), longValue);
+  EXPECT_EQ(doc.TopTag()->GetNestedTag(0)->GetValue().ToUtf8(), "short");
+}
+
 } // namespace
 } // namespace QOR::test
