@@ -2,13 +2,15 @@
 //
 // Without arguments: writes a document of QORXMLU_BENCH_MB megabytes (default 100) to the temp
 // folder, measures reading, writing and copying it with each library, each in a process of its
-// own so that the peak memory (getrusage) is that library's alone, prints the table, and then runs
-// the in-process micro benchmarks on a 4 MB document.
+// own so that the peak memory (getrusage) is that library's alone, in QORXMLU_BENCH_ROUNDS rounds
+// (default 3) that take the libraries in turn, prints the table, and then runs the in-process
+// micro benchmarks on a 4 MB document, interleaved.
 //   bench_xml --child <read|write|copy> <qorxmlu|pugixml|tinyxml2> <file>   one measurement
 //   bench_xml --generate <file> <megabytes>                                  the document only
 #include <qorxmlu/foundation/String.h>
 #include <qorxmlu/xml/XML.h>
 
+#include "InterleavedRuns.h"
 #include "XMLDocumentGenerator.h"
 
 #include <benchmark/benchmark.h>
@@ -49,23 +51,41 @@ void WriteBytes(const std::filesystem::path& path, const std::string& bytes) {
 // ---- one measurement per process ---------------------------------------------------------
 
 struct Measurement {
-  double load = 0; // seconds to read the file into a tree
-  double op = 0;   // seconds of the operation after it (0 for read)
-  double text = 0; // qorxmlu: GetText alone, within write
+  double load = 0;    // seconds to read the file into a tree
+  double loadCpu = 0; // processor seconds (user and system) of that read
+  double op = 0;      // seconds of the operation after it (0 for read)
+  double text = 0;    // qorxmlu: GetText alone, within write
 };
+
+// Processor seconds of this process so far, user and system.
+double CpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  auto seconds = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// Times the read into m.load and m.loadCpu.
+template <class Read>
+void TimeLoad(Measurement& m, Read read) {
+  const double cpu = CpuSeconds();
+  const auto start = Clock::now();
+  read();
+  m.load = Seconds(start);
+  m.loadCpu = CpuSeconds() - cpu;
+}
 
 Measurement RunOurs(const std::string& op, const std::string& file) {
   Measurement m;
   XML doc;
-  auto start = Clock::now();
-  std::unique_ptr<ErrorInfo> error(doc.ReadFile(String::FromUtf8(file)));
-  m.load = Seconds(start);
+  std::unique_ptr<ErrorInfo> error;
+  TimeLoad(m, [&] { error.reset(doc.ReadFile(String::FromUtf8(file))); });
   if (error) {
     std::fprintf(stderr, "qorxmlu: %s\n", error->Text().ToUtf8().c_str());
     std::exit(1);
   }
   if (op == "write") {
-    start = Clock::now();
+    auto start = Clock::now();
     const String text = doc.GetText();
     m.text = Seconds(start);
     benchmark::DoNotOptimize(text.Len());
@@ -73,7 +93,7 @@ Measurement RunOurs(const std::string& op, const std::string& file) {
     error.reset(doc.Write(String::FromUtf8(file + ".out")));
     m.op = Seconds(start);
   } else if (op == "copy") {
-    start = Clock::now();
+    const auto start = Clock::now();
     XML copy(doc);
     m.op = Seconds(start);
     benchmark::DoNotOptimize(copy.TopTag());
@@ -84,15 +104,15 @@ Measurement RunOurs(const std::string& op, const std::string& file) {
 Measurement RunPugi(const std::string& op, const std::string& file) {
   Measurement m;
   pugi::xml_document doc;
-  auto start = Clock::now();
-  if (!doc.load_file(file.c_str())) std::exit(1);
-  m.load = Seconds(start);
+  bool loaded = false;
+  TimeLoad(m, [&] { loaded = doc.load_file(file.c_str()); });
+  if (!loaded) std::exit(1);
   if (op == "write") {
-    start = Clock::now();
+    const auto start = Clock::now();
     doc.save_file((file + ".out").c_str(), "\t");
     m.op = Seconds(start);
   } else if (op == "copy") {
-    start = Clock::now();
+    const auto start = Clock::now();
     pugi::xml_document copy;
     copy.reset(doc);
     m.op = Seconds(start);
@@ -104,15 +124,15 @@ Measurement RunPugi(const std::string& op, const std::string& file) {
 Measurement RunTiny(const std::string& op, const std::string& file) {
   Measurement m;
   tinyxml2::XMLDocument doc;
-  auto start = Clock::now();
-  if (doc.LoadFile(file.c_str()) != tinyxml2::XML_SUCCESS) std::exit(1);
-  m.load = Seconds(start);
+  tinyxml2::XMLError loaded = tinyxml2::XML_SUCCESS;
+  TimeLoad(m, [&] { loaded = doc.LoadFile(file.c_str()); });
+  if (loaded != tinyxml2::XML_SUCCESS) std::exit(1);
   if (op == "write") {
-    start = Clock::now();
+    const auto start = Clock::now();
     doc.SaveFile((file + ".out").c_str());
     m.op = Seconds(start);
   } else if (op == "copy") {
-    start = Clock::now();
+    const auto start = Clock::now();
     tinyxml2::XMLDocument copy;
     doc.DeepCopy(&copy);
     m.op = Seconds(start);
@@ -127,7 +147,7 @@ int Child(const std::string& op, const std::string& library, const std::string& 
                                          : RunTiny(op, file);
   std::error_code ignored;
   std::filesystem::remove(file + ".out", ignored);
-  std::printf("%.4f %.4f %.4f %ld\n", m.load, m.op, m.text, PeakKiB());
+  std::printf("%.4f %.4f %.4f %.4f %ld\n", m.load, m.loadCpu, m.op, m.text, PeakKiB());
   return 0;
 }
 
@@ -144,28 +164,46 @@ Result SpawnOnce(const std::string& self, const std::string& op, const std::stri
   Result result;
   if (FILE* pipe = popen(command.c_str(), "r")) {
     long kib = 0;
-    if (std::fscanf(pipe, "%lf %lf %lf %ld", &result.m.load, &result.m.op, &result.m.text, &kib) == 4)
+    if (std::fscanf(pipe, "%lf %lf %lf %lf %ld", &result.m.load, &result.m.loadCpu, &result.m.op, &result.m.text,
+                    &kib) == 5)
       result.peakMiB = kib / 1024.0;
     pclose(pipe);
   }
   return result;
 }
 
-// The best of a few runs: the machine is shared, and a slow run says more about the neighbours.
-Result Spawn(const std::string& self, const std::string& op, const std::string& library,
-             const std::string& file, int runs) {
-  Result best = SpawnOnce(self, op, library, file);
-  for (int i = 1; i < runs; ++i) {
-    const Result next = SpawnOnce(self, op, library, file);
-    best.m.load = std::min(best.m.load, next.m.load);
-    best.m.op = std::min(best.m.op, next.m.op);
-    best.m.text = std::min(best.m.text, next.m.text);
-    best.peakMiB = std::max(best.peakMiB, next.peakMiB);
+// The runs of one measurement: the best and the worst of each figure.
+struct Runs {
+  Result best, worst;
+  int count = 0;
+
+  void Add(const Result& r) {
+    if (count++ == 0) {
+      best = worst = r;
+      return;
+    }
+    auto keep = [](double& low, double& high, double value) {
+      low = std::min(low, value);
+      high = std::max(high, value);
+    };
+    keep(best.m.load, worst.m.load, r.m.load);
+    keep(best.m.loadCpu, worst.m.loadCpu, r.m.loadCpu);
+    keep(best.m.op, worst.m.op, r.m.op);
+    keep(best.m.text, worst.m.text, r.m.text);
+    keep(best.peakMiB, worst.peakMiB, r.peakMiB);
   }
-  return best;
+};
+
+double LoadAverage() {
+  double load = 0;
+  if (FILE* file = std::fopen("/proc/loadavg", "r")) {
+    if (std::fscanf(file, "%lf", &load) != 1) load = 0;
+    std::fclose(file);
+  }
+  return load;
 }
 
-void Compare(const std::string& self, std::uint64_t megabytes) {
+void Compare(const std::string& self, std::uint64_t megabytes, int rounds) {
   const auto file = std::filesystem::temp_directory_path() /
                     ("qorxmlu-bench-" + std::to_string(megabytes) + "mb.xml");
   bench::DocumentShape shape;
@@ -175,34 +213,48 @@ void Compare(const std::string& self, std::uint64_t megabytes) {
               shape.bytes / 1e6, shape.lines / 1e6, shape.elements / 1e6, shape.attributes / 1e6,
               static_cast<unsigned long long>(shape.records));
 
+  // Round after round, each library in turn, so that a busy spell of the machine falls on all
+  // of them alike.
   const char* libraries[] = {"qorxmlu", "pugixml", "tinyxml2"};
-  Result read[3], write[3], copy[3];
-  for (int i = 0; i < 3; ++i) {
-    read[i] = Spawn(self, "read", libraries[i], file.string(), 3);
-    write[i] = Spawn(self, "write", libraries[i], file.string(), 2);
-    copy[i] = Spawn(self, "copy", libraries[i], file.string(), 2);
+  const char* operations[] = {"read", "write", "copy"};
+  Runs runs[3][3]; // [operation][library]
+  const double loadBefore = LoadAverage();
+  for (int round = 0; round < rounds; ++round) {
+    for (int op = 0; op < 3; ++op) {
+      for (int lib = 0; lib < 3; ++lib) runs[op][lib].Add(SpawnOnce(self, operations[op], libraries[lib], file.string()));
+    }
   }
+  const double loadAfter = LoadAverage();
   std::filesystem::remove(file);
 
-  std::printf("%-34s %10s %10s %10s\n", "", libraries[0], libraries[1], libraries[2]);
-  auto row = [](const char* label, double a, double b, double c) {
-    std::printf("%-34s %10.3f %10.3f %10.3f\n", label, a, b, c);
+  const Runs(&read)[3] = runs[0];
+  const Runs(&write)[3] = runs[1];
+  const Runs(&copy)[3] = runs[2];
+  std::printf("%d rounds, each library in turn; best (worst) of the rounds; load average %.1f before, "
+              "%.1f after\n",
+              rounds, loadBefore, loadAfter);
+  std::printf("%-32s %18s %18s %18s\n", "", libraries[0], libraries[1], libraries[2]);
+  auto row = [](const char* label, const Runs (&r)[3], auto figure) {
+    std::printf("%-32s", label);
+    for (int i = 0; i < 3; ++i) std::printf("   %7.3f (%7.3f)", figure(r[i].best), figure(r[i].worst));
+    std::printf("\n");
   };
-  std::printf("(best of 3 runs for reading, of 2 for the rest; each run a process of its own)\n");
-  row("ReadFile / load (s)", read[0].m.load, read[1].m.load, read[2].m.load);
-  row("  peak memory (MiB)", read[0].peakMiB, read[1].peakMiB, read[2].peakMiB);
-  row("GetText + Write / save (s)", write[0].m.op, write[1].m.op, write[2].m.op);
-  std::printf("%-34s %10.3f\n", "  of which GetText alone (s)", write[0].m.text);
-  row("  peak memory, load + save (MiB)", write[0].peakMiB, write[1].peakMiB, write[2].peakMiB);
-  row("copy of the loaded tree (s)", copy[0].m.op, copy[1].m.op, copy[2].m.op);
-  row("  peak memory, load + copy (MiB)", copy[0].peakMiB, copy[1].peakMiB, copy[2].peakMiB);
+  row("ReadFile / load (s)", read, [](const Result& r) { return r.m.load; });
+  row("  processor time, user+sys (s)", read, [](const Result& r) { return r.m.loadCpu; });
+  row("  peak memory (MiB)", read, [](const Result& r) { return r.peakMiB; });
+  row("GetText + Write / save (s)", write, [](const Result& r) { return r.m.op; });
+  std::printf("%-32s   %7.3f (%7.3f)\n", "  of which GetText alone (s)", write[0].best.m.text, write[0].worst.m.text);
+  row("  peak memory, load + save (MiB)", write, [](const Result& r) { return r.peakMiB; });
+  row("copy of the loaded tree (s)", copy, [](const Result& r) { return r.m.op; });
+  row("  peak memory, load + copy (MiB)", copy, [](const Result& r) { return r.peakMiB; });
 
-  std::printf("\nRatios (goal in brackets):\n");
-  std::printf("  read time    qorxmlu / pugixml  %.2f  (<= 2)\n", read[0].m.load / read[1].m.load);
-  std::printf("  read time    qorxmlu / tinyxml2 %.2f  (< 1)\n", read[0].m.load / read[2].m.load);
-  std::printf("  peak memory  qorxmlu / pugixml  %.2f  (<= 2.5)\n", read[0].peakMiB / read[1].peakMiB);
-  std::printf("  write time   qorxmlu / pugixml  %.2f  (<= 1.5)\n", write[0].m.op / write[1].m.op);
-  std::printf("  qorxmlu copy / qorxmlu read     %.2f  (< 1)\n\n", copy[0].m.op / read[0].m.load);
+  std::printf("\nRatios of the best runs (goal in brackets):\n");
+  std::printf("  read time    qorxmlu / pugixml  %.2f  (<= 2)\n", read[0].best.m.load / read[1].best.m.load);
+  std::printf("  read time    qorxmlu / tinyxml2 %.2f  (< 1)\n", read[0].best.m.load / read[2].best.m.load);
+  std::printf("  read CPU     qorxmlu / pugixml  %.2f\n", read[0].best.m.loadCpu / read[1].best.m.loadCpu);
+  std::printf("  peak memory  qorxmlu / pugixml  %.2f  (<= 2.5)\n", read[0].worst.peakMiB / read[1].worst.peakMiB);
+  std::printf("  write time   qorxmlu / pugixml  %.2f  (<= 1.5)\n", write[0].best.m.op / write[1].best.m.op);
+  std::printf("  qorxmlu copy / qorxmlu read     %.2f  (< 1)\n\n", copy[0].best.m.op / read[0].best.m.load);
 }
 
 // ---- in-process micro benchmarks on a small document --------------------------------------
@@ -314,10 +366,12 @@ int main(int argc, char** argv) {
     return 0;
   }
   const char* megabytes = std::getenv("QORXMLU_BENCH_MB");
+  const char* rounds = std::getenv("QORXMLU_BENCH_ROUNDS");
   Compare(std::filesystem::canonical("/proc/self/exe").string(),
-          megabytes ? std::strtoull(megabytes, nullptr, 10) : 100);
+          megabytes ? std::strtoull(megabytes, nullptr, 10) : 100, rounds ? std::atoi(rounds) : 3);
 
-  benchmark::Initialize(&argc, argv);
+  QOR::bench::InterleavedRuns runs(argc, argv, 3);
+  benchmark::Initialize(runs.Count(), runs.Args());
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;

@@ -5,6 +5,7 @@
 #include "xml/XMLTagAccess.h"
 
 #include <atomic>
+#include <utility>
 
 namespace QOR {
 
@@ -38,19 +39,43 @@ XML::XML(String name, String value, String attrName, String attrValue)
     : topTag(XMLTagAccess::Make(nullptr, std::move(name), std::move(value), std::move(attrName),
                                 std::move(attrValue))) {}
 
-XML::XML(const XML& source) : topTag(XMLTagAccess::Copy(*source.topTag, nullptr)) {}
+XML::XML(const XML& source) : topTag(nullptr) {
+  // The copy's nested tags go into an arena of its own and borrow the source's texts.
+  tagArena = detail::XMLArena::Create();
+  try {
+    topTag = XMLTagAccess::CopyDocument(*source.topTag, *tagArena);
+  } catch (...) {
+    detail::XMLArena::Release(tagArena);
+    throw;
+  }
+  if (source.textArena) textArena = source.textArena->Share();
+}
 
 XML& XML::operator=(const XML& source) {
   if (this == &source) return *this;
   // Copy before destroying: a failed copy leaves this document whole, and the new top tag can
   // never have the old one's address.
-  XMLTag* copy = XMLTagAccess::Copy(*source.topTag, nullptr);
+  XML copy(source);
   delete topTag;
-  topTag = copy;
+  detail::XMLArena::Release(tagArena);
+  detail::XMLArena::Release(textArena);
+  topTag = std::exchange(copy.topTag, nullptr);
+  tagArena = std::exchange(copy.tagArena, nullptr);
+  textArena = std::exchange(copy.textArena, nullptr);
   return *this;
 }
 
-XML::~XML() { delete topTag; }
+XML::~XML() {
+  delete topTag; // before the arenas that its nested tags live in
+  detail::XMLArena::Release(tagArena);
+  detail::XMLArena::Release(textArena);
+}
+
+void XML::ClearTree() noexcept {
+  topTag->Remove();
+  detail::XMLArena::Release(std::exchange(tagArena, nullptr));
+  detail::XMLArena::Release(std::exchange(textArena, nullptr));
+}
 
 void XML::SetAppVersion(int version) { appVersion.store(version, std::memory_order_relaxed); }
 
@@ -59,12 +84,12 @@ ErrorInfo* XML::CheckVersion(String software, String, int& version) {
   version = handled;
   if (!topTag) return nullptr;
   version = 1;
-  const VArray<XMLAttr>& attributes = XMLTagAccess::Attributes(*topTag);
+  const std::size_t count = topTag->NoOfAttributes();
   std::size_t i = 0;
-  while (i < attributes.Size() && !(attributes[i].name == String(versionAttribute))) ++i;
+  while (i < count && topTag->GetAttrName(i) != versionAttribute) ++i;
   // A document without the attribute is version 1, whatever the application handles.
-  if (i == attributes.Size()) return nullptr;
-  attributes[i].value >> version;
+  if (i == count) return nullptr;
+  topTag->GetAttrVal(i) >> version;
   if (version <= handled) return nullptr;
   String message(versionMessageStart);
   message << version << versionMessageSoftware << software << versionMessageHandles << handled

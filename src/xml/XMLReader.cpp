@@ -22,6 +22,11 @@
 
 namespace QOR {
 
+using detail::TagList;
+using detail::TagText;
+using detail::XMLArena;
+using detail::XMLAttrBlock;
+using detail::XMLAttrEntry;
 using detail::XMLTagAccess;
 
 namespace {
@@ -224,10 +229,58 @@ private:
   bool hasNext = false;
 };
 
+// Where a read puts what it makes: the tags into one arena, their texts and attribute lists into
+// the other. The top tag outlives the read, so it holds texts and attributes of its own.
+class TreeStorage {
+public:
+  TreeStorage(XMLTag& top, XMLArena& tags, XMLArena& texts) : top(top), tags(tags), texts(texts) {}
+
+  XMLTag* NewTag(XMLTag* parent) { return XMLTagAccess::MakeIn(tags, parent); }
+
+  void SetText(const XMLTag& tag, TagText& field, View text) {
+    if (&tag == &top) field.Assign(text);
+    else field.Borrow(texts.Keep(text));
+  }
+
+  // Gives the tag the attributes gathered in pairs (name, value, name, value, ...).
+  void SetAttributes(XMLTag& tag, const std::vector<View>& pairs) {
+    const std::size_t count = pairs.size() / 2;
+    if (count == 0) return;
+    const bool isTop = &tag == &top;
+    XMLAttrBlock* block = isTop ? XMLAttrBlock::Create(count) : XMLAttrBlock::Create(texts, count);
+    XMLTagAccess::SetAttributes(tag, block);
+    for (std::size_t i = 0; i < count; ++i) {
+      XMLAttrEntry& entry = block->Append();
+      if (isTop) {
+        entry.name.Assign(pairs[2 * i]);
+        entry.value.Assign(pairs[2 * i + 1]);
+      } else {
+        entry.name.Borrow(texts.Keep(pairs[2 * i]));
+        entry.value.Borrow(texts.Keep(pairs[2 * i + 1]));
+      }
+    }
+  }
+
+  // Gives the tag its nested tags, which stand at the end of finished from index first on.
+  void SetNestedTags(XMLTag& tag, std::vector<XMLTag*>& finished, std::size_t first) {
+    const std::size_t count = finished.size() - first;
+    if (count == 0) return;
+    TagList& list = XMLTagAccess::NestedTags(tag);
+    list.Lend(static_cast<XMLTag**>(tags.Allocate(count * sizeof(XMLTag*))), count);
+    for (std::size_t i = first; i < finished.size(); ++i) list.Add(finished[i]);
+    finished.resize(first);
+  }
+
+private:
+  XMLTag& top;
+  XMLArena& tags;
+  XMLArena& texts;
+};
+
 // The attributes of a start tag, from the text between "<" and ">" behind the name and one
-// separator. A "/" ends the scan even inside quotes; a value opened and not closed, or an "="
-// with no quote behind it, is an error. Text with no "=" is passed over.
-ErrorInfo* ScanAttributes(XMLTag& tag, View inner, std::size_t start) {
+// separator, gathered in pairs. A "/" ends the scan even inside quotes; a value opened and not
+// closed, or an "=" with no quote behind it, is an error. Text with no "=" is passed over.
+ErrorInfo* ScanAttributes(View inner, std::size_t start, std::vector<View>& pairs) {
   const std::size_t length = inner.size();
   std::size_t i = start;
   for (;;) {
@@ -242,14 +295,16 @@ ErrorInfo* ScanAttributes(XMLTag& tag, View inner, std::size_t start) {
     const std::size_t valueStart = ++i;
     while (i < length && inner[i] != quote && inner[i] != u'/') ++i;
     if (i >= length || inner[i] == u'/') return Fail(message::badlyFormedAttrValue);
-    XMLTagAccess::AddAttr(tag, attrName, inner.substr(valueStart, i - valueStart));
+    pairs.push_back(attrName);
+    pairs.push_back(inner.substr(valueStart, i - valueStart));
     ++i;
   }
 }
 
 // Reads the start line of a tag: name, attributes, and the value of a tag that ends on the same
-// line. complete tells whether the tag ends there.
-ErrorInfo* ReadStartLine(XMLTag& tag, const Line& rawLine, bool& complete) {
+// line. complete tells whether the tag ends there. pairs is room for the scan of the attributes.
+ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line& rawLine, bool& complete,
+                         std::vector<View>& pairs) {
   const LineMarks& marks = rawLine.marks;
   const View raw = rawLine.text.View();
   const View line = TrimAll(raw);
@@ -262,12 +317,16 @@ ErrorInfo* ReadStartLine(XMLTag& tag, const Line& rawLine, bool& complete) {
   if (end != none && end <= start) return Fail(message::badlyPlacedTagEnd);
   if (close == none || close < start) return Fail(message::badlyFormedData);
   const View inner = line.substr(start + 1, close - start - 1);
-  std::size_t nameLength = inner.find_first_of(u" \t");
-  if (nameLength == none) nameLength = inner.size();
+  std::size_t nameLength = 0;
+  while (nameLength < inner.size() && inner[nameLength] != u' ' && inner[nameLength] != u'\t') ++nameLength;
   if (nameLength == 0) return Fail(message::badlyFormedName);
   const View name = inner.substr(0, nameLength);
-  XMLTagAccess::Name(tag).Std().assign(name);
-  if (ErrorInfo* error = ScanAttributes(tag, inner, nameLength + 1)) return error;
+  storage.SetText(tag, XMLTagAccess::Name(tag), name);
+  pairs.clear();
+  ErrorInfo* scanError = ScanAttributes(inner, nameLength + 1, pairs);
+  // The attributes read before a failure stay with the tag.
+  storage.SetAttributes(tag, pairs);
+  if (scanError) return scanError;
 
   complete = true;
   if (marks.emptyTagEnd) return nullptr;
@@ -277,9 +336,7 @@ ErrorInfo* ReadStartLine(XMLTag& tag, const Line& rawLine, bool& complete) {
     if (endClose >= line.size() || line[endClose] != u'>' || line.compare(end + 2, name.size(), name) != 0)
       return Fail(message::badlyFormedEndTag);
     // In "<a </a>" the first ">" closes the end tag itself: there is no value then.
-    String& value = XMLTagAccess::Value(tag);
-    if (close < end) value.Std().assign(line.substr(close + 1, end - close - 1));
-    else value.SetEmpty();
+    storage.SetText(tag, XMLTagAccess::Value(tag), close < end ? line.substr(close + 1, end - close - 1) : View());
     return nullptr;
   }
   complete = false;
@@ -290,13 +347,23 @@ ErrorInfo* ReadStartLine(XMLTag& tag, const Line& rawLine, bool& complete) {
 // only when it has been read completely; on failure the unfinished tags are destroyed.
 class TreeReader {
 public:
-  TreeReader(XMLTag& top, DocumentLines& lines) : top(top), lines(lines) {}
+  TreeReader(XMLTag& top, DocumentLines& lines, TreeStorage& storage) : top(top), lines(lines), storage(storage) {}
   TreeReader(const TreeReader&) = delete;
   TreeReader& operator=(const TreeReader&) = delete;
   ~TreeReader() {
+    // After a failure: each open tag keeps what it had finished, and all but the top tag go.
     if (starting != &top) delete starting;
-    for (XMLTag* open : openTags) {
-      if (open != &top) delete open;
+    while (!openTags.empty()) {
+      const Open open = openTags.back();
+      openTags.pop_back();
+      try {
+        storage.SetNestedTags(*open.tag, finished, open.firstNested);
+      } catch (...) {
+        // No room left to list them: the finished tags go too.
+        for (std::size_t i = open.firstNested; i < finished.size(); ++i) delete finished[i];
+        finished.resize(open.firstNested);
+      }
+      if (open.tag != &top) delete open.tag;
     }
   }
 
@@ -305,15 +372,13 @@ public:
     for (;;) {
       if (starting) {
         bool complete = false;
-        if (ErrorInfo* error = ReadStartLine(*starting, lines.Current(), complete)) return error;
-        XMLTag* tag = starting;
+        if (ErrorInfo* error = ReadStartLine(storage, *starting, lines.Current(), complete, pairs)) return error;
+        XMLTag* tag = std::exchange(starting, nullptr);
         if (complete) {
-          starting = nullptr;
           if (tag == &top) return nullptr;
-          Attach(tag);
+          finished.push_back(tag);
         } else {
-          openTags.push_back(tag);
-          starting = nullptr;
+          openTags.push_back({tag, finished.size()});
         }
         continue;
       }
@@ -323,50 +388,50 @@ public:
   }
 
 private:
+  struct Open {
+    XMLTag* tag;
+    std::size_t firstNested; // where its finished nested tags begin in finished
+  };
+
   // One line inside the innermost open tag: its end, a nested tag, or its text line.
   ErrorInfo* ReadOn() {
-    XMLTag* open = openTags.back();
-    const View name = XMLTagAccess::Name(*open).View();
+    const Open open = openTags.back();
+    const View name = XMLTagAccess::Name(*open.tag).View();
     if (!lines.HasNext()) return Fail(message::badlyFormedData);
     lines.Advance();
     const Line& line = lines.Current();
     if (line.HasEndTag(name)) {
       openTags.pop_back();
-      if (open != &top) Attach(open);
+      storage.SetNestedTags(*open.tag, finished, open.firstNested);
+      if (open.tag != &top) finished.push_back(open.tag);
       return nullptr;
     }
     if (line.marks.firstOpen != none) {
-      starting = XMLTagAccess::Make(open);
+      starting = storage.NewTag(open.tag);
       return nullptr;
     }
     // A text line is the tag's value and must stand directly before the end tag.
-    XMLTagAccess::Value(*open) = line.text;
+    storage.SetText(*open.tag, XMLTagAccess::Value(*open.tag), line.text.View());
     if (!lines.HasNext()) return Fail(message::badlyFormedData);
     if (!lines.Next().HasEndTag(name)) return Fail(message::missingEndTag);
     return nullptr;
   }
 
-  static void Attach(XMLTag* tag) {
-    SVArray<XMLTag*>& siblings = XMLTagAccess::NestedTags(*XMLTagAccess::Parent(*tag));
-    // Lists the reader fills grow by 18; set when the first entry comes, so that tags without
-    // nested tags get no list body at all.
-    if (siblings.Size() == 0) siblings.SetCapacityIncrease(18);
-    siblings.Add(tag);
-  }
-
   XMLTag& top;
   DocumentLines& lines;
-  XMLTag* starting = nullptr;    // the tag whose start line is at the cursor; not yet attached
-  std::vector<XMLTag*> openTags; // tags read over several lines, outermost first; all but the
-                                 // top tag not yet attached
+  TreeStorage& storage;
+  XMLTag* starting = nullptr;   // the tag whose start line is at the cursor; not yet attached
+  std::vector<Open> openTags;   // tags read over several lines, outermost first
+  std::vector<XMLTag*> finished; // tags read completely, not yet given to their open parent
+  std::vector<View> pairs;       // the attribute scan's room, reused from tag to tag
 };
 
 // Checks the prolog and reads the top tag from the line behind it.
-ErrorInfo* ParseLines(XMLTag& top, DocumentLines& lines) {
+ErrorInfo* ParseLines(XMLTag& top, DocumentLines& lines, TreeStorage& storage) {
   if (!lines.Advance() || !lines.HasNext()) return Fail(message::emptyData);
   if (!Contains(lines.Current().text.View(), u"xml version=\"1.0\"")) return Fail(message::unrecognisedVersion);
   lines.Advance();
-  TreeReader reader(top, lines);
+  TreeReader reader(top, lines, storage);
   return reader.Run();
 }
 
@@ -374,27 +439,33 @@ ErrorInfo* ParseLines(XMLTag& top, DocumentLines& lines) {
 
 ErrorInfo* XML::ReadText(String text) {
   try {
-    topTag->Remove();
+    ClearTree();
+    tagArena = XMLArena::Create();
+    textArena = XMLArena::Create();
+    TreeStorage storage(*topTag, *tagArena, *textArena);
     TextLines source(std::move(text));
     DocumentLines lines(source);
-    return ParseLines(*topTag, lines);
+    return ParseLines(*topTag, lines, storage);
   } catch (...) {
     return Fail(message::unknownException);
   }
 }
 
 ErrorInfo* XML::ReadFile(String path) {
-  topTag->Remove();
+  ClearTree();
   LineParsableFile file(std::move(path));
   if (ErrorInfo* error = file.Open()) return error;
 
   FileLines source(file);
   DocumentLines lines(source);
-  const String oldName = XMLTagAccess::Name(*topTag);
-  const String oldValue = XMLTagAccess::Value(*topTag);
+  const String oldName = topTag->GetName();
+  const String oldValue = topTag->GetValue();
+  tagArena = XMLArena::Create();
+  textArena = XMLArena::Create();
+  TreeStorage storage(*topTag, *tagArena, *textArena);
   std::unique_ptr<ErrorInfo> result;
   try {
-    result.reset(ParseLines(*topTag, lines));
+    result.reset(ParseLines(*topTag, lines, storage));
   } catch (...) {
     if (source.Threw()) throw; // the file layer's own exceptions are not the parser's to turn
     result.reset(Fail(message::unknownException));
@@ -403,9 +474,9 @@ ErrorInfo* XML::ReadFile(String path) {
   // as cleared before reading; so the file is read to its end even after the top tag is complete.
   source.Drain();
   if (ErrorInfo* readError = source.TakeError()) {
-    topTag->Remove();
-    XMLTagAccess::Name(*topTag) = oldName;
-    XMLTagAccess::Value(*topTag) = oldValue;
+    ClearTree();
+    XMLTagAccess::Name(*topTag).Assign(oldName.View());
+    XMLTagAccess::Value(*topTag).Assign(oldValue.View());
     return readError;
   }
   return result.release();

@@ -64,7 +64,7 @@ template <class Output>
 void PutCommentLine(Output& out, const XMLTag& tag, std::size_t level) {
   out.Indent(level);
   out.Put(u"<!-- ");
-  out.Put(XMLTagAccess::Comment(tag).View());
+  out.Put(XMLTagAccess::Comment(tag));
   out.Put(u" -->");
   out.EndLine();
 }
@@ -93,20 +93,21 @@ bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
   }
   const View name = XMLTagAccess::Name(tag).View();
   const View value = XMLTagAccess::Value(tag).View();
-  const bool hasComment = !XMLTagAccess::Comment(tag).IsEmpty();
+  const bool hasComment = !XMLTagAccess::Comment(tag).empty();
   const bool hasNested = XMLTagAccess::NestedTags(tag).Size() != 0;
 
   out.Indent(level);
   out.Put(u'<');
   out.Put(name);
-  const VArray<XMLAttr>& attributes = XMLTagAccess::Attributes(tag);
-  for (std::size_t i = 0; i < attributes.Size(); ++i) {
-    const XMLAttr& attr = attributes[i];
-    out.Put(u' ');
-    out.Put(attr.name.View());
-    out.Put(u"=\"");
-    out.Put(attr.value.View());
-    out.Put(u'"');
+  if (const detail::XMLAttrBlock* attributes = XMLTagAccess::Attributes(tag)) {
+    for (std::uint32_t i = 0; i < attributes->count; ++i) {
+      const detail::XMLAttrEntry& attr = attributes->Entries()[i];
+      out.Put(u' ');
+      out.Put(attr.name.View());
+      out.Put(u"=\"");
+      out.Put(attr.value.View());
+      out.Put(u'"');
+    }
   }
   if (value.empty() && !hasNested) {
     // The blank lets the reader end the name there; a comment has no place in this form.
@@ -156,7 +157,7 @@ void PutTree(Output& out, const XMLTag& top, Drain drain) {
     if (!drain()) return;
     const std::size_t level = path.size() - 1;
     Step& step = path.back();
-    const SVArray<XMLTag*>& nested = XMLTagAccess::NestedTags(*step.tag);
+    const detail::TagList& nested = XMLTagAccess::NestedTags(*step.tag);
     if (step.next < nested.Size()) {
       const XMLTag* child = nested[step.next++];
       if (PutOpening(out, *child, level + 1)) path.push_back({child, 0});

@@ -58,7 +58,12 @@ public:
   ErrorInfo* Write(String path) const;
 
 private:
+  // Destroys the top tag's content and lets go of the storage that its nested tags lived in.
+  void ClearTree() noexcept;
+
   XMLTag* topTag;
+  detail::XMLArena* tagArena = nullptr;  // the nested tags of a read or copied tree
+  detail::XMLArena* textArena = nullptr; // their texts and attribute lists; shared with copies
 };
 
 } // namespace QOR

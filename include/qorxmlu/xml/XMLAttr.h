@@ -5,7 +5,8 @@
 
 namespace QOR {
 
-// A plain record owned by its tag's attribute list. Nothing is trimmed, escaped or tested: two
+// A plain record of one attribute. A tag hands its attributes out by position (GetAttrName,
+// GetAttrVal) and keeps them in a form of its own. Nothing is trimmed, escaped or tested: two
 // attributes of one tag may share a name, and an empty name is legal.
 struct XMLAttr {
   String name;

@@ -1,0 +1,200 @@
+// The storage of tags and texts: arenas, attribute blocks, tag texts and nested-tag lists.
+#include "xml/XMLStorage.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+
+namespace QOR::detail {
+
+namespace {
+
+// Chunks double from a size that suits a small reply up to one that keeps the count of chunks
+// of a large document low.
+constexpr std::size_t firstChunkSize = 16 * 1024;
+constexpr std::size_t largestChunkSize = 4 * 1024 * 1024;
+
+void* AllocateOrThrow(std::size_t bytes) {
+  void* room = std::malloc(bytes);
+  if (!room) throw std::bad_alloc();
+  return room;
+}
+
+} // namespace
+
+// ---- XMLArena -----------------------------------------------------------------------------
+
+struct XMLArena::Chunk {
+  Chunk* previous;
+  std::size_t size;
+};
+
+XMLArena* XMLArena::Create() { return new XMLArena; }
+
+XMLArena::~XMLArena() {
+  while (chunks) {
+    Chunk* previous = chunks->previous;
+    std::free(chunks);
+    chunks = previous;
+  }
+}
+
+XMLArena* XMLArena::Share() noexcept {
+  holders.fetch_add(1, std::memory_order_relaxed);
+  return this;
+}
+
+void XMLArena::Release(XMLArena* arena) noexcept {
+  if (arena && arena->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete arena;
+}
+
+void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
+  const std::size_t size = nextChunkSize == 0 ? firstChunkSize : std::min(nextChunkSize * 2, largestChunkSize);
+  if (bytes > (size - sizeof(Chunk)) / 2) {
+    // A large block gets a chunk of its own; the current chunk stays in use.
+    if (bytes > std::numeric_limits<std::size_t>::max() - sizeof(Chunk)) throw std::bad_alloc();
+    auto* own = static_cast<Chunk*>(AllocateOrThrow(sizeof(Chunk) + bytes));
+    own->size = sizeof(Chunk) + bytes;
+    own->previous = chunks ? chunks->previous : nullptr;
+    if (chunks) chunks->previous = own;
+    else chunks = own;
+    return own + 1;
+  }
+  nextChunkSize = size;
+  auto* chunk = static_cast<Chunk*>(AllocateOrThrow(nextChunkSize));
+  chunk->previous = chunks;
+  chunk->size = nextChunkSize;
+  chunks = chunk;
+  next = reinterpret_cast<char*>(chunk + 1) + bytes;
+  end = reinterpret_cast<char*>(chunk) + nextChunkSize;
+  return chunk + 1;
+}
+
+std::u16string_view XMLArena::Keep(std::u16string_view text) {
+  if (text.empty()) return {};
+  auto* units = static_cast<char16_t*>(Allocate(text.size() * sizeof(char16_t), alignof(char16_t)));
+  std::memcpy(units, text.data(), text.size() * sizeof(char16_t));
+  return {units, text.size()};
+}
+
+// ---- XMLAttrBlock -------------------------------------------------------------------------
+
+namespace {
+std::size_t BlockBytes(std::size_t capacity) {
+  if (capacity > std::numeric_limits<std::uint32_t>::max()) throw std::bad_alloc();
+  return sizeof(XMLAttrBlock) + capacity * sizeof(XMLAttrEntry);
+}
+} // namespace
+
+XMLAttrBlock* XMLAttrBlock::Create(std::size_t capacity) {
+  auto* block = new (AllocateOrThrow(BlockBytes(capacity))) XMLAttrBlock;
+  block->capacity = static_cast<std::uint32_t>(capacity);
+  return block;
+}
+
+XMLAttrBlock* XMLAttrBlock::Create(XMLArena& arena, std::size_t capacity) {
+  auto* block = new (arena.Allocate(BlockBytes(capacity))) XMLAttrBlock;
+  block->capacity = static_cast<std::uint32_t>(capacity);
+  block->inArena = true;
+  block->borrows = true;
+  return block;
+}
+
+XMLAttrBlock* XMLAttrBlock::CopyOwned(const XMLAttrBlock& source, std::size_t capacity) {
+  XMLAttrBlock* copy = Create(capacity < source.count ? source.count : capacity);
+  try {
+    for (std::uint32_t i = 0; i < source.count; ++i) {
+      XMLAttrEntry& entry = copy->Append();
+      entry.name.Assign(source.Entries()[i].name.View());
+      entry.value.Assign(source.Entries()[i].value.View());
+    }
+  } catch (...) {
+    Release(copy);
+    throw;
+  }
+  return copy;
+}
+
+XMLAttrBlock* XMLAttrBlock::Share() noexcept {
+  holders.fetch_add(1, std::memory_order_relaxed);
+  return this;
+}
+
+void XMLAttrBlock::Release(XMLAttrBlock* block) noexcept {
+  if (!block || block->holders.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  XMLAttrEntry* entries = block->Entries();
+  for (std::uint32_t i = 0; i < block->count; ++i) entries[i].~XMLAttrEntry();
+  const bool inArena = block->inArena;
+  block->~XMLAttrBlock();
+  if (!inArena) std::free(block);
+}
+
+// ---- TagText ------------------------------------------------------------------------------
+
+void TagText::Assign(std::u16string_view text) {
+  char16_t* copy = nullptr;
+  if (!text.empty()) {
+    if (text.size() >= ownedBit / sizeof(char16_t)) throw std::bad_alloc();
+    copy = static_cast<char16_t*>(AllocateOrThrow(text.size() * sizeof(char16_t)));
+    std::memcpy(copy, text.data(), text.size() * sizeof(char16_t));
+  }
+  Release();
+  units = copy;
+  length = copy ? text.size() | ownedBit : 0;
+}
+
+void TagText::Borrow(std::u16string_view text) noexcept {
+  Release();
+  units = text.data();
+  length = text.size();
+}
+
+void TagText::Release() noexcept {
+  if (length & ownedBit) std::free(const_cast<char16_t*>(units));
+  units = nullptr;
+  length = 0;
+}
+
+// ---- TagList ------------------------------------------------------------------------------
+
+void TagList::Insert(XMLTag* tag, std::size_t index) {
+  if (index > count) index = count;
+  const std::uint32_t room = capacity & ~lentBit;
+  if (count == room) {
+    // Full: move to a block of the list's own, with room to grow.
+    if (count >= ~lentBit) throw std::bad_alloc();
+    std::uint64_t grown = count < 4 ? 4 : std::uint64_t(count) + count / 2;
+    if (grown > ~lentBit) grown = ~lentBit;
+    auto* block = static_cast<XMLTag**>(AllocateOrThrow(static_cast<std::size_t>(grown) * sizeof(XMLTag*)));
+    if (count) std::memcpy(block, items, count * sizeof(XMLTag*));
+    if (!(capacity & lentBit)) std::free(items);
+    items = block;
+    capacity = static_cast<std::uint32_t>(grown);
+  }
+  std::memmove(items + index + 1, items + index, (count - index) * sizeof(XMLTag*));
+  items[index] = tag;
+  ++count;
+}
+
+void TagList::Remove(std::size_t index) noexcept {
+  if (index >= count) return;
+  std::memmove(items + index, items + index + 1, (count - index - 1) * sizeof(XMLTag*));
+  --count;
+}
+
+void TagList::Clear() noexcept {
+  if (!(capacity & lentBit)) std::free(items);
+  items = nullptr;
+  count = capacity = 0;
+}
+
+void TagList::Lend(XMLTag** block, std::size_t room) {
+  if (room >= ~lentBit) throw std::bad_alloc();
+  Clear();
+  items = block;
+  capacity = static_cast<std::uint32_t>(room) | lentBit;
+}
+
+} // namespace QOR::detail
