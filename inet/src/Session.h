@@ -12,6 +12,7 @@
 #include <curl/curl.h>
 
 #include <sys/epoll.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
@@ -112,17 +113,35 @@ private:
   bool Open();
   void Run();
   int Await(epoll_event* events, int capacity, int milliseconds);
-  bool CommandsWaiting();
   void Wake();
   void ActOnEvents(curl_socket_t socket, uint32_t events);
   void DeliverFinished();
   void RunAfterPerform();
   int WaitMilliseconds();
   void Shutdown();
+  // How epoll watches one of libcurl's sockets: through a duplicate of it, registered for
+  // `events`. A socket of an idle pooled connection stays registered ("parked") so that the next
+  // transfer on it costs no epoll_ctl; an event on it while parked ends the watch.
+  struct Watch {
+    int duplicate = -1;
+    uint32_t events = 0; // registered with epoll
+    uint32_t wanted = 0; // what libcurl asked for last; registered before the loop sleeps
+    // Of the socket, to tell it from a later file with libcurl's number.
+    ino_t inode = 0;
+    dev_t device = 0;
+    bool parked = false;
+  };
+  using Watchers = std::unordered_map<curl_socket_t, Watch>;
   static int SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void* assigned);
-  void StopWatching(std::unordered_map<curl_socket_t, int>::iterator watched);
-  // libcurl's socket -> the duplicate of it that epoll watches; under the libcurl lock.
-  std::unordered_map<curl_socket_t, int> watchers;
+  int Watched(curl_socket_t socket, uint32_t events);
+  void Park(Watchers::iterator watched);
+  bool WatchesChanged() const;
+  void ApplyWatches();
+  // Whether `socket` is still the file that `watch` was made for.
+  static bool SameFile(curl_socket_t socket, const Watch& watch);
+  void StopWatching(Watchers::iterator watched);
+  // libcurl's socket -> its watch; under the libcurl lock.
+  Watchers watchers;
   static int TimerChanged(CURLM* multi, long milliseconds, void* user);
 
   Settings settings;
@@ -137,6 +156,7 @@ private:
 
   std::mutex queueLock; // guards the fields below
   std::vector<std::function<void()>> commands;
+  std::atomic<bool> queued{false}; // commands (or the stop) are waiting; read without the lock
   bool stopRequested = false;
   bool stopped = false;
   bool sleeping = false; // the loop is in (or about to enter) a blocking epoll_wait

@@ -14,6 +14,8 @@ namespace QOR {
 
 namespace detail {
 struct EventWaiter;
+struct EventAccess;
+class Wakeups;
 }
 
 class QORXMLU_API Event {
@@ -33,10 +35,12 @@ public:
   bool IsSet() const;
 
 protected:
-  friend int WaitOnEvents(SVArray<Event*, Event*>& events, int milliseconds);
+  friend struct detail::EventAccess;
   // Signal state under the events lock: 0 is clear; a CountingSemaphore keeps its count here.
   std::int64_t count = 0;
-  void WakeWaiters();
+  // Under the events lock: marks the waits that this signal ends; `wakeups` wakes them once the
+  // lock is let go.
+  void WakeWaiters(detail::Wakeups& wakeups);
 
 private:
   detail::EventWaiter* waiters = nullptr;
