@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -320,12 +319,6 @@ int Session::Watched(curl_socket_t socket, uint32_t events) {
   event.events = events;
   event.data.fd = socket;
   auto watched = watchers.find(socket);
-  // A parked watch may be of a file that libcurl closed without the hook: its number is then
-  // libcurl's again for a new one (the resolver's, say), which needs a watch of its own.
-  if (watched != watchers.end() && watched->second.parked && !SameFile(socket, watched->second)) {
-    StopWatching(watched);
-    watched = watchers.end();
-  }
   if (watched != watchers.end()) {
     // Applied when the loop next sleeps: libcurl often takes a change back within the same
     // turn, and a socket made writable here would wake the loop at once, only for it to wait
@@ -338,14 +331,11 @@ int Session::Watched(curl_socket_t socket, uint32_t events) {
   Watch watch;
   watch.events = watch.wanted = events;
   watch.duplicate = fcntl(socket, F_DUPFD_CLOEXEC, 0); // libcurl's socket is open in this call
-  struct stat status {};
   if (watch.duplicate < 0) return -1;
-  if (fstat(watch.duplicate, &status) != 0 || epoll_ctl(epollFd, EPOLL_CTL_ADD, watch.duplicate, &event) != 0) {
+  if (epoll_ctl(epollFd, EPOLL_CTL_ADD, watch.duplicate, &event) != 0) {
     close(watch.duplicate);
     return -1;
   }
-  watch.inode = status.st_ino;
-  watch.device = status.st_dev;
   watchers.emplace(socket, watch);
   return 0;
 }
@@ -370,19 +360,19 @@ void Session::ApplyWatches() {
 }
 
 void Session::Park(Watchers::iterator watched) {
-  // Still libcurl's socket (a connection kept for reuse), or closed by libcurl without the hook
-  // and perhaps its number given to another file since: then the watch must end, or the
-  // duplicate would keep the connection open.
-  if (!SameFile(watched->first, watched->second)) {
+  // Only the socket of an established connection, which libcurl closes through the hook: any
+  // other may be closed already, its number perhaps another thread's file by now, and the
+  // duplicate would keep it open.
+  if (!watched->second.established) {
     StopWatching(watched);
     return;
   }
   watched->second.parked = true;
 }
 
-bool Session::SameFile(curl_socket_t socket, const Watch& watch) {
-  struct stat status {};
-  return fstat(socket, &status) == 0 && status.st_ino == watch.inode && status.st_dev == watch.device;
+void Session::SocketEstablished(curl_socket_t socket) {
+  auto watched = watchers.find(socket);
+  if (watched != watchers.end()) watched->second.established = true;
 }
 
 void Session::StopWatching(Watchers::iterator watched) {

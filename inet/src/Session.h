@@ -12,7 +12,6 @@
 #include <curl/curl.h>
 
 #include <sys/epoll.h>
-#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
@@ -107,6 +106,9 @@ public:
   static int CloseSocket(void* session, curl_socket_t socket);
   // A socket libcurl has just been given (CURLOPT_OPENSOCKETFUNCTION).
   void SocketOpened(curl_socket_t socket);
+  // The socket carries an established connection (a request is about to go out on it): its
+  // watch may outlast the transfer.
+  void SocketEstablished(curl_socket_t socket);
 
 private:
   explicit Session(Settings settings);
@@ -126,9 +128,7 @@ private:
     int duplicate = -1;
     uint32_t events = 0; // registered with epoll
     uint32_t wanted = 0; // what libcurl asked for last; registered before the loop sleeps
-    // Of the socket, to tell it from a later file with libcurl's number.
-    ino_t inode = 0;
-    dev_t device = 0;
+    bool established = false; // connected, with a request on it
     bool parked = false;
   };
   using Watchers = std::unordered_map<curl_socket_t, Watch>;
@@ -137,8 +137,6 @@ private:
   void Park(Watchers::iterator watched);
   bool WatchesChanged() const;
   void ApplyWatches();
-  // Whether `socket` is still the file that `watch` was made for.
-  static bool SameFile(curl_socket_t socket, const Watch& watch);
   void StopWatching(Watchers::iterator watched);
   // libcurl's socket -> its watch; under the libcurl lock.
   Watchers watchers;
