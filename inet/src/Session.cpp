@@ -308,8 +308,8 @@ void Session::Shutdown() {
 // afterwards, when another thread may already have been given the same number.
 int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, void*) {
   auto* self = static_cast<Session*>(user);
-  auto watched = self->watchers.find(socket);
   if (what != CURL_POLL_REMOVE) return self->Watched(socket, EpollEvents(what));
+  auto watched = self->watchers.find(socket);
   if (watched != self->watchers.end()) self->Park(watched);
   return 0;
 }

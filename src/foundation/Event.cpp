@@ -17,9 +17,9 @@ namespace QOR {
 namespace detail {
 
 // What one WaitOnEvents call sleeps on. woken is the lowest list index whose Set reached the
-// wait, INT_MAX until then; it is written under the events lock and the slot's own lock, and
-// read anywhere. The wait sleeps under its own lock, not the events lock: a Set holds the events
-// lock while it wakes the wait, which would otherwise wake only to block on it.
+// wait, INT_MAX until then; it is written under the events lock and read anywhere. The wait
+// sleeps under the slot's own lock, not the events lock, and is woken after a Set has let the
+// events lock go: woken under it, the wait would only block on it next.
 struct WaitSlot {
   std::mutex lock;
   std::condition_variable wake;

@@ -8,8 +8,8 @@ namespace QOR::detail {
 struct WaitSlot;
 
 // The waits that a Set has ended, woken after the events lock is let go: woken under it, a wait
-// would only block on the lock next. Each slot stays alive until its wake-up is delivered (the
-// wait checks before it leaves). Declared before the lock guard, it delivers when it goes.
+// would only block on the lock next. It holds each slot until the wake-up is delivered, so a
+// wait that ends meanwhile may leave. Declared before the lock guard, it delivers when it goes.
 class Wakeups {
 public:
   Wakeups() = default;
