@@ -47,11 +47,13 @@ Session::CurlGuard::CurlGuard(Session& session) : session(session), outer(curlHo
 
 Session::CurlGuard::~CurlGuard() {
   bool wake = false;
-  if (!session.OnLoopThread()) {
+  if (session.OnLoopThread()) {
+    session.ApplyWatches(); // before the loop sleeps again
+  } else {
     // Reports queued by libcurl's callbacks, transfers that finished meanwhile, or a timer due
     // before the loop means to wake: the loop's business.
     wake = !session.afterPerform.empty() || !session.afterUnlock.empty() ||
-           session.running < static_cast<int>(session.attached.size()) ||
+           session.running < static_cast<int>(session.attached.size()) || session.WatchesChanged() ||
            (session.timerSet && session.timerDue < session.loopWakesBy);
   }
   curlHolder = outer;
@@ -101,7 +103,7 @@ Session::~Session() {
   // The last owner is the loop thread itself when nothing joined it: it ends right after this.
   if (loop.joinable()) loop.detach();
   if (multi) curl_multi_cleanup(multi);
-  for (auto& watched : watchers) close(watched.second);
+  for (auto& watched : watchers) close(watched.second.duplicate);
   if (epollFd >= 0) close(epollFd);
   if (wakeFd >= 0) close(wakeFd);
   if (timerFd >= 0) close(timerFd);
@@ -118,6 +120,7 @@ void Session::Post(std::function<void()> command) {
     std::lock_guard<std::mutex> guard(queueLock);
     if (stopped) return;
     commands.push_back(std::move(command));
+    queued.store(true, std::memory_order_release);
     // Awake, the loop looks at the queue before it sleeps.
     wake = sleeping;
   }
@@ -126,13 +129,16 @@ void Session::Post(std::function<void()> command) {
 
 void Session::PostQuietly(std::function<void()> command) {
   std::lock_guard<std::mutex> guard(queueLock);
-  if (!stopped) commands.push_back(std::move(command));
+  if (stopped) return;
+  commands.push_back(std::move(command));
+  queued.store(true, std::memory_order_release);
 }
 
 void Session::PostWithin(std::function<void()> command, std::chrono::microseconds delay) {
   std::lock_guard<std::mutex> guard(queueLock);
   if (stopped) return;
   commands.push_back(std::move(command));
+  queued.store(true, std::memory_order_release);
   if (!sleeping) return; // the loop runs it before it sleeps
   auto due = Clock::now() + delay;
   if (due >= timerFdDue) return; // an earlier wake-up is set already
@@ -147,6 +153,7 @@ void Session::Stop() {
   {
     std::lock_guard<std::mutex> guard(queueLock);
     stopRequested = true;
+    queued.store(true, std::memory_order_release);
   }
   Wake();
   if (OnLoopThread()) return;
@@ -165,6 +172,7 @@ void Session::Run() {
     {
       std::lock_guard<std::mutex> guard(queueLock);
       batch.swap(commands);
+      queued.store(stopRequested, std::memory_order_relaxed);
       if (batch.empty() && stopRequested) {
         stopped = true;
         break;
@@ -203,16 +211,11 @@ void Session::Run() {
   Shutdown();
 }
 
-bool Session::CommandsWaiting() {
-  std::lock_guard<std::mutex> guard(queueLock);
-  return !commands.empty() || stopRequested;
-}
-
 int Session::Await(epoll_event* events, int capacity, int milliseconds) {
   if (milliseconds != 0) {
     auto deadline = Clock::now() + loopSpin;
     for (;;) {
-      if (CommandsWaiting()) return 0;
+      if (queued.load(std::memory_order_acquire)) return 0;
       int ready = epoll_wait(epollFd, events, capacity, 0);
       if (ready != 0) return ready;
       if (Clock::now() >= deadline) break;
@@ -231,6 +234,14 @@ int Session::Await(epoll_event* events, int capacity, int milliseconds) {
 }
 
 void Session::ActOnEvents(curl_socket_t socket, uint32_t events) {
+  // An idle pooled connection that turns readable was closed by the server or is out of step:
+  // libcurl finds that out when it next looks at it. Watching it on would wake the loop again and
+  // again.
+  auto watched = watchers.find(socket);
+  if (watched != watchers.end() && watched->second.parked) {
+    StopWatching(watched);
+    return;
+  }
   int bits = 0;
   if (events & EPOLLIN) bits |= CURL_CSELECT_IN;
   if (events & EPOLLOUT) bits |= CURL_CSELECT_OUT;
@@ -297,28 +308,76 @@ void Session::Shutdown() {
 // afterwards, when another thread may already have been given the same number.
 int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, void*) {
   auto* self = static_cast<Session*>(user);
+  if (what != CURL_POLL_REMOVE) return self->Watched(socket, EpollEvents(what));
   auto watched = self->watchers.find(socket);
-  if (what == CURL_POLL_REMOVE) {
-    if (watched != self->watchers.end()) self->StopWatching(watched);
-    return 0;
-  }
-  epoll_event event{};
-  event.events = EpollEvents(what);
-  event.data.fd = socket;
-  if (watched != self->watchers.end()) return epoll_ctl(self->epollFd, EPOLL_CTL_MOD, watched->second, &event);
-  int duplicate = fcntl(socket, F_DUPFD_CLOEXEC, 0); // libcurl's socket is open in this call
-  if (duplicate < 0) return -1;
-  if (epoll_ctl(self->epollFd, EPOLL_CTL_ADD, duplicate, &event) != 0) {
-    close(duplicate);
-    return -1;
-  }
-  self->watchers.emplace(socket, duplicate);
+  if (watched != self->watchers.end()) self->Park(watched);
   return 0;
 }
 
-void Session::StopWatching(std::unordered_map<curl_socket_t, int>::iterator watched) {
-  epoll_ctl(epollFd, EPOLL_CTL_DEL, watched->second, nullptr);
-  close(watched->second);
+int Session::Watched(curl_socket_t socket, uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = socket;
+  auto watched = watchers.find(socket);
+  if (watched != watchers.end()) {
+    // Applied when the loop next sleeps: libcurl often takes a change back within the same
+    // turn, and a socket made writable here would wake the loop at once, only for it to wait
+    // for the libcurl lock that this thread holds.
+    Watch& watch = watched->second;
+    watch.parked = false;
+    watch.wanted = events;
+    return 0;
+  }
+  Watch watch;
+  watch.events = watch.wanted = events;
+  watch.duplicate = fcntl(socket, F_DUPFD_CLOEXEC, 0); // libcurl's socket is open in this call
+  if (watch.duplicate < 0) return -1;
+  if (epoll_ctl(epollFd, EPOLL_CTL_ADD, watch.duplicate, &event) != 0) {
+    close(watch.duplicate);
+    return -1;
+  }
+  watchers.emplace(socket, watch);
+  return 0;
+}
+
+bool Session::WatchesChanged() const {
+  for (const auto& watched : watchers) {
+    if (watched.second.wanted != watched.second.events) return true;
+  }
+  return false;
+}
+
+void Session::ApplyWatches() {
+  for (auto& watched : watchers) {
+    Watch& watch = watched.second;
+    if (watch.wanted == watch.events) continue;
+    epoll_event event{};
+    event.events = watch.wanted;
+    event.data.fd = watched.first;
+    epoll_ctl(epollFd, EPOLL_CTL_MOD, watch.duplicate, &event);
+    watch.events = watch.wanted;
+  }
+}
+
+void Session::Park(Watchers::iterator watched) {
+  // Only the socket of an established connection, which libcurl closes through the hook: any
+  // other may be closed already, its number perhaps another thread's file by now, and the
+  // duplicate would keep it open.
+  if (!watched->second.established) {
+    StopWatching(watched);
+    return;
+  }
+  watched->second.parked = true;
+}
+
+void Session::SocketEstablished(curl_socket_t socket) {
+  auto watched = watchers.find(socket);
+  if (watched != watchers.end()) watched->second.established = true;
+}
+
+void Session::StopWatching(Watchers::iterator watched) {
+  epoll_ctl(epollFd, EPOLL_CTL_DEL, watched->second.duplicate, nullptr);
+  close(watched->second.duplicate);
   watchers.erase(watched);
 }
 

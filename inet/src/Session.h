@@ -106,23 +106,40 @@ public:
   static int CloseSocket(void* session, curl_socket_t socket);
   // A socket libcurl has just been given (CURLOPT_OPENSOCKETFUNCTION).
   void SocketOpened(curl_socket_t socket);
+  // The socket carries an established connection (a request is about to go out on it): its
+  // watch may outlast the transfer.
+  void SocketEstablished(curl_socket_t socket);
 
 private:
   explicit Session(Settings settings);
   bool Open();
   void Run();
   int Await(epoll_event* events, int capacity, int milliseconds);
-  bool CommandsWaiting();
   void Wake();
   void ActOnEvents(curl_socket_t socket, uint32_t events);
   void DeliverFinished();
   void RunAfterPerform();
   int WaitMilliseconds();
   void Shutdown();
+  // How epoll watches one of libcurl's sockets: through a duplicate of it, registered for
+  // `events`. A socket of an idle pooled connection stays registered ("parked") so that the next
+  // transfer on it costs no epoll_ctl; an event on it while parked ends the watch.
+  struct Watch {
+    int duplicate = -1;
+    uint32_t events = 0; // registered with epoll
+    uint32_t wanted = 0; // what libcurl asked for last; registered before the loop sleeps
+    bool established = false; // connected, with a request on it
+    bool parked = false;
+  };
+  using Watchers = std::unordered_map<curl_socket_t, Watch>;
   static int SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void* assigned);
-  void StopWatching(std::unordered_map<curl_socket_t, int>::iterator watched);
-  // libcurl's socket -> the duplicate of it that epoll watches; under the libcurl lock.
-  std::unordered_map<curl_socket_t, int> watchers;
+  int Watched(curl_socket_t socket, uint32_t events);
+  void Park(Watchers::iterator watched);
+  bool WatchesChanged() const;
+  void ApplyWatches();
+  void StopWatching(Watchers::iterator watched);
+  // libcurl's socket -> its watch; under the libcurl lock.
+  Watchers watchers;
   static int TimerChanged(CURLM* multi, long milliseconds, void* user);
 
   Settings settings;
@@ -137,6 +154,7 @@ private:
 
   std::mutex queueLock; // guards the fields below
   std::vector<std::function<void()>> commands;
+  std::atomic<bool> queued{false}; // commands (or the stop) are waiting; read without the lock
   bool stopRequested = false;
   bool stopped = false;
   bool sleeping = false; // the loop is in (or about to enter) a blocking epoll_wait

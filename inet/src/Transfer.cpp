@@ -153,7 +153,9 @@ curl_socket_t Transfer::OpenSocket(void* user, curlsocktype purpose, curl_sockad
 }
 
 int Transfer::RequestReady(void* user, char*, char*, int, int) {
-  Owner(user).RequestReady();
+  RequestHandle& owner = Owner(user);
+  owner.transfer->session.SocketEstablished(owner.transfer->Socket());
+  owner.RequestReady();
   return CURL_PREREQFUNC_OK;
 }
 

@@ -90,6 +90,25 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   ASSERT_TRUE(stalled.End(false).pending);
   EXPECT_LT(CpuWhileSleeping(milliseconds(300)).count(), 60);
   EXPECT_TRUE(stalled.CloseRequest().ok);
+
+  // The kept-alive connection stays watched between requests; when the server closes it, its
+  // socket turns readable for good, which must not keep the loop busy. The next request then
+  // goes out on a new connection.
+  RawServer closing([](RawConnection& connection) {
+    RawConnection::Head head;
+    if (!connection.ReadHead(head)) return;
+    connection.ReadBody(head.contentLength);
+    connection.Send(RawServer::Response(200, "OK", "ok"));
+    connection.Hold(milliseconds(20));
+    connection.Close();
+  });
+  InetDriver pooled;
+  ASSERT_TRUE(pooled.Open() && pooled.Connect(closing.HostPort()) && pooled.Post("/first", "x", reply).ok);
+  std::this_thread::sleep_for(milliseconds(100));
+  EXPECT_LT(CpuWhileSleeping(milliseconds(300)).count(), 60);
+  EXPECT_TRUE(pooled.Post("/second", "x", reply).ok);
+  EXPECT_EQ(reply, "ok");
+  EXPECT_EQ(closing.Connections(), 2);
 }
 
 TEST(InetCallTest, OnlyAsynchronousModeIsOffered) {

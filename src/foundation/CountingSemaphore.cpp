@@ -9,9 +9,10 @@ CountingSemaphore::CountingSemaphore(const char*, int initialCount) : Event(true
 }
 
 void CountingSemaphore::Set() {
+  detail::Wakeups wakeups;
   std::lock_guard<std::mutex> lock(detail::EventsLock());
   ++count;
-  WakeWaiters();
+  WakeWaiters(wakeups);
 }
 
 void CountingSemaphore::Reset() {

@@ -23,8 +23,8 @@ namespace {
 using namespace std::chrono_literals;
 
 // A worker that has just finished spins this long for its next job before it sleeps, and sleeps
-// this long before it exits. A stopper spins this long for the end before it sleeps. A start and
-// stop in quick succession then costs no sleep and wake of an OS thread.
+// this long before it exits. A stopper spins this long for the end before it sleeps. A stop and
+// a start in quick succession then costs no sleep and wake of an OS thread.
 constexpr auto workerSpin = 50us;
 constexpr auto idleLifetime = 20s;
 constexpr auto stopSpin = 50us;
@@ -34,6 +34,9 @@ struct Worker {
   std::mutex lock;
   std::condition_variable wake;
   bool sleeping = false; // under lock
+  // Whether the worker spins for its next job: only while jobs have come that quickly, since
+  // a spin that runs out only took a core from the threads doing the work. Worker's own.
+  bool spinForJob = true;
 };
 
 // The OS threads that run Thread bodies. Idle workers wait for a job and exit after a while.
@@ -107,17 +110,23 @@ Thread* ThreadPool::TakeJob(Worker* worker) noexcept {
 
 Thread* ThreadPool::AwaitJob(Worker* worker) noexcept {
   Thread* job = nullptr;
-  if (detail::SpinUntil([&] { return (job = TakeJob(worker)) != nullptr; }, workerSpin)) return job;
+  auto idleSince = std::chrono::steady_clock::now();
+  if (worker->spinForJob) {
+    if (detail::SpinUntil([&] { return (job = TakeJob(worker)) != nullptr; }, workerSpin)) return job;
+    worker->spinForJob = false;
+  }
   std::unique_lock<std::mutex> hold(worker->lock);
   for (;;) {
-    if ((job = TakeJob(worker))) return job;
+    if ((job = TakeJob(worker))) break;
     worker->sleeping = true;
     bool timedOut = worker->wake.wait_for(hold, idleLifetime) == std::cv_status::timeout;
     worker->sleeping = false;
-    if ((job = TakeJob(worker))) return job;
+    if ((job = TakeJob(worker))) break;
     // A worker that a dispatcher has taken off the idle list stays: its job is on the way.
     if (timedOut && Retire(worker)) return nullptr;
   }
+  worker->spinForJob = std::chrono::steady_clock::now() - idleSince < workerSpin;
+  return job;
 }
 
 bool ThreadPool::MakeIdle(Worker* worker) noexcept {

@@ -4,11 +4,13 @@
 #include <qorxmlu/foundation/Encoding.h>
 #include <qorxmlu/foundation/Utility.h>
 
+#include "foundation/EventWait.h"
 #include "http/InternetErrors.h"
 #include "http/WinInetTable.h"
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <mutex>
@@ -17,7 +19,19 @@
 
 namespace QOR {
 
-int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds) = &WaitOnEvents;
+namespace {
+
+// A completion usually follows its call within microseconds, on WinInet's thread: the wait
+// watches for it that long before it sleeps.
+constexpr std::chrono::microseconds completionWatch(50);
+
+int WaitForCompletion(SVArray<Event*, Event*>& events, int milliseconds) {
+  return detail::WaitOnEventsWatching(events, milliseconds, completionWatch);
+}
+
+} // namespace
+
+int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds) = &WaitForCompletion;
 
 namespace {
 
@@ -247,11 +261,12 @@ void HttpClientImp::CallbackTarget::Notify(HINTERNET handle, ::DWORD status, con
       error = static_cast<const INTERNET_ASYNC_RESULT*>(info)->dwError;
   }
   bool last = false;
+  Event* wake = nullptr;
   {
     std::lock_guard<std::mutex> hold(lock);
     switch (status) {
     case statusConnectedToServer:
-      connectedEvent.Set();
+      wake = &connectedEvent;
       break;
     case statusHandleCreated:
       createdHandle.store(reinterpret_cast<HINTERNET>(result));
@@ -259,15 +274,23 @@ void HttpClientImp::CallbackTarget::Notify(HINTERNET handle, ::DWORD status, con
       break;
     case statusHandleClosing:
       StoreResult(result, error);
+      // Under the lock: once the handle is forgotten, a detaching engine may free the target.
       if (reinterpret_cast<HINTERNET>(result) == closingHandle.load()) closedEvent.Set();
       last = ForgetLocked(handle);
       break;
     case statusRequestComplete:
       StoreResult(result, error);
-      completedEvent.Set();
+      wake = &completedEvent;
       break;
     }
+    // Set after the lock, which the woken engine takes next, where a live handle of this target
+    // keeps it from being freed meanwhile.
+    if (wake && !pinned && std::find(liveHandles.begin(), liveHandles.end(), handle) == liveHandles.end()) {
+      wake->Set();
+      wake = nullptr;
+    }
   }
+  if (wake) wake->Set();
   if (last) {
     Orphans().Remove(this);
     delete this;

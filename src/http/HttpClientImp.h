@@ -41,7 +41,8 @@
 
 namespace QOR {
 
-// The wait that the engine blocks in: WaitOnEvents. Tests put a failing wait in its place.
+// The wait that the engine blocks in: WaitOnEvents, watching briefly before it sleeps. Tests put
+// a failing wait in its place.
 extern int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds);
 
 class HttpClientImp final : public HttpClientImpInterface {

@@ -90,6 +90,42 @@ TEST(EventTest, SetOnAnotherThreadWakesEveryWaitThatListsIt) {
   EXPECT_EQ(woken.load(), 4);
 }
 
+// Waits that time out, or end by a signal, while Sets from other threads are on their way to
+// waking them (more waits on one event than a Set wakes at once, too): a signalled wait must
+// report it, and no wait may be lost or touched after it has returned.
+TEST(EventTest, WaitsEndingWhileSetsRaceThemStayConsistent) {
+  Event flag;
+  Event never;
+  SVArray<Event*, Event*> list;
+  list.Add(&never);
+  list.Add(&flag);
+  std::atomic<bool> done{false};
+  std::atomic<int> signalled{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 12; ++i) {
+    waiters.emplace_back([&] {
+      while (!done.load()) {
+        int result = WaitOnEvents(list, 1);
+        EXPECT_TRUE(result == 1 || result == -1) << result;
+        if (result == 1) ++signalled;
+      }
+    });
+  }
+  std::thread setter([&] {
+    for (int i = 0; i < 3000; ++i) {
+      flag.Set();
+      flag.Reset();
+      if (i % 64 == 0) std::this_thread::yield();
+    }
+    flag.Set();
+  });
+  setter.join();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  done = true;
+  for (auto& waiter : waiters) waiter.join();
+  EXPECT_GT(signalled.load(), 0);
+}
+
 TEST(CountingSemaphoreTest, SignalledWhileCountsAreLeft) {
   CountingSemaphore semaphore("test", 2);
   Event other;

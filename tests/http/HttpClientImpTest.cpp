@@ -50,11 +50,12 @@ struct FailingWaits {
     if (left.fetch_sub(1) > 0) return -2;
     return WaitOnEvents(events, milliseconds);
   }
-  explicit FailingWaits(int count) {
+  explicit FailingWaits(int count) : previous(engineWait) {
     left = count;
     engineWait = &Wait;
   }
-  ~FailingWaits() { engineWait = &WaitOnEvents; }
+  ~FailingWaits() { engineWait = previous; }
+  int (*previous)(SVArray<Event*, Event*>&, int);
 };
 
 class EngineTest : public testing::Test {

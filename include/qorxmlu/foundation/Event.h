@@ -14,6 +14,8 @@ namespace QOR {
 
 namespace detail {
 struct EventWaiter;
+struct EventAccess;
+class Wakeups;
 }
 
 class QORXMLU_API Event {
@@ -34,11 +36,12 @@ public:
   bool IsSet() const;
 
 protected:
-  friend int WaitOnEvents(SVArray<Event*, Event*>& events, int milliseconds);
+  friend struct detail::EventAccess;
   // Signal state under the events lock: 0 is clear; a CountingSemaphore keeps its count here.
   std::int64_t count = 0;
-  // Wakes every wait that lists this event, to look at its state again.
-  void WakeWaiters();
+  // Under the events lock: marks the waits that this signal ends; `wakeups` wakes them once the
+  // lock is let go.
+  void WakeWaiters(detail::Wakeups& wakeups);
 
 private:
   detail::EventWaiter* waiters = nullptr;
