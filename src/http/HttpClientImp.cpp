@@ -467,7 +467,9 @@ ErrorInfo* HttpClientImp::SendRequest(String url) {
     CritSectionLock hold(fileHandleSection);
     cancelled = false;
   }
-  ErrorInfo* error = OpenRequest(url);
+  // A body from a derived client's GetRequestBuffer is held to the same limit, before anything goes out.
+  ErrorInfo* error = Blocks().bodySize > largestTransfer ? MakeError(String(bodyTooLarge)) : nullptr;
+  if (!error) error = OpenRequest(url);
   if (!error) error = SendRequestHeaders();
   if (!error) error = WriteRequestData();
   ErrorInfo* endError = EndRequest();
@@ -585,7 +587,8 @@ ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool exa
   request.readBlock.dwStructSize = sizeof(INTERNET_BUFFERSA);
   for (;;) {
     request.readBlock.lpvBuffer = request.replyBuffer + total;
-    request.readBlock.dwBufferLength = static_cast<::DWORD>(capacity - total);
+    // At the largest reply the buffer is full: one byte into its spare room tells whether more comes.
+    request.readBlock.dwBufferLength = static_cast<::DWORD>(total == largestTransfer ? 1 : capacity - total);
     BOOL done;
     ::DWORD code = 0;
     {
@@ -608,8 +611,13 @@ ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool exa
     std::size_t count = request.readBlock.dwBufferLength;
     if (count == 0) return nullptr;
     total += count;
-    if (total >= capacity) {
-      capacity += blockSize;
+    if (total > largestTransfer) {
+      delete[] request.replyBuffer;
+      request.replyBuffer = nullptr;
+      return MakeError(String(replyTooLarge));
+    }
+    if (total >= capacity && capacity < largestTransfer) {
+      capacity = std::min<std::size_t>(capacity + blockSize, largestTransfer);
       char* larger = new char[capacity + spare];
       std::memcpy(larger, request.replyBuffer, total);
       delete[] request.replyBuffer;
