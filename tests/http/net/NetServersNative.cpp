@@ -126,17 +126,18 @@ public:
       connection.Reset();
     });
     // The faults of the matrix that no other test needs.
+    // Keep-alive: Wine pools connections across clients, so one connection may carry several requests.
     AddRaw("slowhead", [](RawConnection& connection) {
-      if (!TakeRequest(connection)) return;
-      connection.SendSlowly(RawServer::ResponseHead(200, "OK", replyDocument.size()), 8, 15ms);
-      connection.Send(replyDocument);
-      connection.WaitForClientClose(10s);
+      while (TakeRequest(connection)) {
+        connection.SendSlowly(RawServer::ResponseHead(200, "OK", replyDocument.size()), 8, 15ms);
+        connection.Send(replyDocument);
+      }
     });
     AddRaw("slowbody", [](RawConnection& connection) {
-      if (!TakeRequest(connection)) return;
-      connection.Send(RawServer::ResponseHead(200, "OK", replyDocument.size()));
-      connection.SendSlowly(replyDocument, 8, 15ms);
-      connection.WaitForClientClose(10s);
+      while (TakeRequest(connection)) {
+        connection.Send(RawServer::ResponseHead(200, "OK", replyDocument.size()));
+        connection.SendSlowly(replyDocument, 8, 15ms);
+      }
     });
     AddRaw("resethead", [](RawConnection& connection) {
       if (!TakeRequest(connection)) return;
