@@ -581,7 +581,8 @@ ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool exa
   if (Blocks().replyBuffer) RenewBlocks();
   RequestBlocks& request = *blocks;
   std::size_t capacity = blockSize;
-  request.replyBuffer = new char[capacity + spare];
+  std::size_t allocated = capacity + spare;
+  request.replyBuffer = new char[allocated];
   total = 0;
   request.readBlock = INTERNET_BUFFERSA{};
   request.readBlock.dwStructSize = sizeof(INTERNET_BUFFERSA);
@@ -618,10 +619,15 @@ ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool exa
     }
     if (total >= capacity && capacity < largestTransfer) {
       capacity = std::min<std::size_t>(capacity + blockSize, largestTransfer);
-      char* larger = new char[capacity + spare];
-      std::memcpy(larger, request.replyBuffer, total);
-      delete[] request.replyBuffer;
-      request.replyBuffer = larger;
+      // The reads still offer one block at a time, but the room behind them doubles: a reply
+      // of n blocks costs a few copies, not n copies of everything read so far.
+      if (capacity + spare > allocated) {
+        allocated = std::max(capacity + spare, std::min(2 * allocated, largestTransfer + spare));
+        char* larger = new char[allocated];
+        std::memcpy(larger, request.replyBuffer, total);
+        delete[] request.replyBuffer;
+        request.replyBuffer = larger;
+      }
     }
   }
 }

@@ -88,6 +88,18 @@ TEST_F(HttpClientNetTest, TextRepliesAroundTheBlockSize) {
   }
 }
 
+TEST_F(HttpClientNetTest, LongReplyInSmallBlocksTakesNoCopyPerBlock) {
+  // 20 000 blocks: a copy of the whole reply at each step would move some 200 GB.
+  auto client = Client("plain");
+  client->transferBlockSize = 1024;
+  client->requestTimeout = 60000;
+  auto start = std::chrono::steady_clock::now();
+  std::string reply;
+  EXPECT_EQ(Retrieve(*client, u"/text/20480000", reply), "");
+  EXPECT_EQ(reply.size(), 20480000u);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+}
+
 TEST_F(HttpClientNetTest, Base64RepliesAroundTheBlockSize) {
   auto client = Client("plain");
   // 3072 bytes are 4096 characters of Base64: one block, one block and a byte, many blocks.
