@@ -167,6 +167,9 @@ ErrorInfo* HttpClient::SendPost(String url) {
           client->ReportProgress(percent);
         }
         if (percent == 100) finished = true;
+        // A cancelled request, by the time limit too, ends the figure: below one byte per tick
+        // the pace is 0 and 100 would never come, leaving the caller waiting for it for good.
+        if (client->RequestCancelled()) finished = true;
       }
       return nullptr;
     }

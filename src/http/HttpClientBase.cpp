@@ -2,10 +2,18 @@
 
 namespace QOR {
 
+namespace {
+// Seconds to milliseconds, saturating: a limit too long for 32 bits of milliseconds is no limit,
+// never a short one.
+DWORD Milliseconds(DWORD seconds) {
+  return seconds > 0xFFFFFFFFu / 1000 ? 0xFFFFFFFFu : seconds * 1000;
+}
+} // namespace
+
 HttpClientBase::HttpClientBase(String agent, String server, bool secure, DWORD connectTimeoutSeconds,
                                DWORD requestTimeoutSeconds)
-    : agent(std::move(agent)), server(std::move(server)), secure(secure), connectTimeout(connectTimeoutSeconds * 1000),
-      requestTimeout(requestTimeoutSeconds * 1000) {
+    : agent(std::move(agent)), server(std::move(server)), secure(secure), connectTimeout(Milliseconds(connectTimeoutSeconds)),
+      requestTimeout(Milliseconds(requestTimeoutSeconds)) {
   formNames.SetCapacityIncrease(16);
   formValues.SetCapacityIncrease(16);
 }

@@ -534,7 +534,8 @@ ErrorInfo* HttpClientImp::WriteRequestData() {
   std::size_t chunk = owner->transferBlockSize;
   if (owner->progressTotal != 0) {
     // As many chunks as progress steps, so that each step sees bytes move.
-    auto chunks = static_cast<std::size_t>(static_cast<double>(owner->progressDuration) / owner->progressInterval);
+    auto chunks = static_cast<std::size_t>(static_cast<double>(std::max(owner->progressDuration, 0)) /
+                                                   std::max(owner->progressInterval, 1));
     chunk = request.bodySize / std::max<std::size_t>(chunks, 1);
   }
   chunk = std::max<std::size_t>(chunk, 1);

@@ -226,5 +226,28 @@ TEST_F(ClientTest, FailedPostWithProgressStopsTheProgressThread) {
   EXPECT_EQ(client.progressTotal, 0u);
 }
 
+TEST_F(ClientTest, ProgressThatCannotReach100EndsWithTheTimeLimit) {
+  // Fewer bytes than ticks: the pace is 0 and the figure never moves, so only the limit ends it.
+  client.progressTotal = 5;
+  client.progressDuration = 100;
+  client.progressInterval = 10;
+  client.requestTimeout = 200;
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_NE(Retrieve(), "");
+  EXPECT_TRUE(client.RequestCancelled());
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  // No interval at all is the same as 1 ms, not a division by zero.
+  client.progressTotal = 100000;
+  client.progressInterval = 0;
+  client.requestTimeout = 2000;
+  EXPECT_EQ(Retrieve(), "");
+}
+
+TEST(ClientLimitsTest, TimeLimitsTooLongForMillisecondsMeanNoLimit) {
+  HttpClient client(u"agent", u"example.test", false, 4294968, 4294967);
+  EXPECT_EQ(client.connectTimeout, 0xFFFFFFFFu);
+  EXPECT_EQ(client.requestTimeout, 4294967000u);
+}
+
 } // namespace
 } // namespace QOR

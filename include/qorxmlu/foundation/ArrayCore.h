@@ -27,8 +27,11 @@ class ArrayCore {
 public:
   static constexpr std::uint64_t defaultIncrease = 80;
 
+  // An empty array; no body is made until the first change.
   ArrayCore() noexcept = default;
+  // Shares other's body; nothing is copied until one of the two changes it.
   ArrayCore(const ArrayCore& other) noexcept : body(other.body) { Share(body); }
+  // Lets go of this body and shares other's.
   ArrayCore& operator=(const ArrayCore& other) noexcept {
     if (body != other.body) {
       Release(body);
@@ -37,8 +40,10 @@ public:
     }
     return *this;
   }
+  // Lets go of the body; the last handle destroys it with its elements.
   ~ArrayCore() { Release(body); }
 
+  // The number of elements, the reported capacity, and the step by which that capacity grows.
   std::size_t Size() const noexcept { return body ? static_cast<std::size_t>(body->count) : 0; }
   std::size_t Capacity() const noexcept { return body ? static_cast<std::size_t>(body->capacity) : 0; }
   std::size_t CapacityIncrease() const noexcept {
@@ -47,7 +52,7 @@ public:
   // Handles on this body (1 for a body of its own).
   int ShareCount() const noexcept { return body ? body->shareCount.load(std::memory_order_acquire) : 1; }
 
-  // A step of 0 counts as 1.
+  // Sets the step of the reported capacity for this handle's own body; a step of 0 counts as 1.
   void SetCapacityIncrease(std::size_t increase) { Own()->capacityIncrease = increase ? increase : 1; }
 
 protected:

@@ -26,12 +26,16 @@ public:
     UTF16LE = 2,      // UTF-16 little endian behind FF FE
   };
 
+  // A file object for path; nothing is opened yet.
   explicit BaseFile(String path);
   BaseFile(const BaseFile&) = delete;
   BaseFile& operator=(const BaseFile&) = delete;
+  // Closes the file if it is open; an error of that is dropped.
   virtual ~BaseFile();
 
+  // The path given at construction.
   const String& Path() const noexcept { return path; }
+  // True between a successful Open and Close.
   bool IsOpen() const noexcept { return handle != nullptr; }
   // Size in bytes of the open file (0 if none is open).
   std::uint64_t GetFileSize() const;

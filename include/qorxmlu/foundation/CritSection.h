@@ -12,13 +12,18 @@ namespace QOR {
 // code of its translation unit runs.
 class QORXMLU_API CritSection {
 public:
+  // name is for diagnostics and is not copied (a literal); it may be null.
   explicit CritSection(const char* name = nullptr) noexcept : name(name) {}
   CritSection(const CritSection&) = delete;
   CritSection& operator=(const CritSection&) = delete;
 
+  // Waits for the lock and takes it; a thread that holds it already takes it once more.
   void Enter() { mutex.lock(); }
+  // Takes the lock if that needs no wait; true when taken.
   bool TryEnter() { return mutex.try_lock(); }
+  // Gives up one Enter of the calling thread, which must hold the lock.
   void Leave() { mutex.unlock(); }
+  // The name given at construction ("" for none).
   const char* Name() const noexcept { return name ? name : ""; }
 
 private:
@@ -29,7 +34,9 @@ private:
 // Holds a CritSection for its scope.
 class CritSectionLock {
 public:
+  // Enters section.
   explicit CritSectionLock(CritSection& section) : section(section) { section.Enter(); }
+  // Leaves it.
   ~CritSectionLock() { section.Leave(); }
   CritSectionLock(const CritSectionLock&) = delete;
   CritSectionLock& operator=(const CritSectionLock&) = delete;

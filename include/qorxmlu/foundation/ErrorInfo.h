@@ -11,6 +11,7 @@ namespace QOR {
 
 class QORXMLU_API ErrorInfo {
 public:
+  // A record of one text, at the end of no chain; MakeError is the usual way to make one.
   explicit ErrorInfo(String text) : text(std::move(text)) {}
   ErrorInfo(const ErrorInfo&) = delete;
   ErrorInfo& operator=(const ErrorInfo&) = delete;

@@ -30,12 +30,14 @@ public:
   virtual void Reset();
   // True when the event could be made (always, here).
   bool Created() const noexcept { return true; }
+  // True while the event is signalled (a CountingSemaphore: while counts are left).
   bool IsSet() const;
 
 protected:
   friend int WaitOnEvents(SVArray<Event*, Event*>& events, int milliseconds);
   // Signal state under the events lock: 0 is clear; a CountingSemaphore keeps its count here.
   std::int64_t count = 0;
+  // Wakes every wait that lists this event, to look at its state again.
   void WakeWaiters();
 
 private:

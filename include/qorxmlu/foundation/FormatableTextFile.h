@@ -11,12 +11,14 @@ namespace QOR {
 
 class QORXMLU_API FormatableTextFile : public WriteableFile {
 public:
+  // A file object for path with an empty text; Open opens or makes the file.
   explicit FormatableTextFile(String path) : WriteableFile(std::move(path)) {}
 
   // Writes text in the encoding bom names and empties it; commit true waits until the bytes are
   // on stable storage.
   ErrorInfo* FlushFile(bool commit, BOM bom);
 
+  // What the next FlushFile writes.
   String text;
 };
 

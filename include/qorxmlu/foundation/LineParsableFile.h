@@ -16,6 +16,7 @@ namespace QOR {
 
 class QORXMLU_API LineParsableFile : public ReadableFile {
 public:
+  // A file object for path; Open opens it.
   explicit LineParsableFile(String path);
   ~LineParsableFile() override;
 

@@ -12,12 +12,14 @@ namespace QOR {
 
 class QORXMLU_API ParsableText {
 public:
+  // Takes text apart from its start.
   explicit ParsableText(String text) : text(std::move(text)) {}
 
   // Puts the next element into element and returns true, or returns false at the end.
   // separator, when not 0, ends elements in place of the line ends or blanks.
   bool GetNextElem(String* element, char16_t separator = 0);
 
+  // True: elements are lines; false: runs between blanks.
   bool lineMode = false;
 
 private:

@@ -8,6 +8,7 @@ namespace QOR {
 
 class QORXMLU_API ReadableFile : public BaseFile {
 public:
+  // A file object for path; Open opens it.
   explicit ReadableFile(String path) : BaseFile(std::move(path)) {}
 
   // Opens for reading; fails if the file isn't there or can't be read.

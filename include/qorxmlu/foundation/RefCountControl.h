@@ -7,7 +7,8 @@ namespace QOR {
 
 class QORXMLU_API RefCountControl {
 public:
-  // Recursive; stands alone in the lock order (no other lock is taken inside it by the library).
+  // Take and give up the lock. Recursive; stands alone in the lock order (no other lock is taken
+  // inside it by the library).
   static void EnterCritSection() noexcept;
   static void LeaveCritSection() noexcept;
 };

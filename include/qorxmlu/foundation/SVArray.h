@@ -20,6 +20,8 @@ class SVArray : public detail::ArrayCore<T, detail::PlainElements> {
   using Core = detail::ArrayCore<T, detail::PlainElements>;
 
 public:
+  // The element at index (below Size()). The non-const form first gives this handle a body of
+  // its own, so a write through it never shows in a copy.
   T& operator[](std::size_t index) { return this->Own()->items[index]; }
   const T& operator[](std::size_t index) const { return this->Items()[index]; }
 

@@ -44,6 +44,7 @@ struct DoubleFormat {
   bool truncZero = false;
   int wholeDigits = -1;
   int decimals = -1;
+  // Takes in one step; a later step of the same kind wins.
   DoubleFormat& operator+=(DoubleFormatStep step) {
     switch (step.kind) {
     case DoubleFormatStep::Kind::TruncZero: truncZero = true; break;
@@ -58,12 +59,16 @@ struct DoubleFormat {
 // only within one << expression; anything but a double or another step drops the format.
 class QORXMLU_API FormattedString {
 public:
+  // Writes into target with the steps gathered so far.
   FormattedString(String& target, DoubleFormat format) : target(target), format(format) {}
+  // Adds one more step for the next double.
   FormattedString& operator<<(DoubleFormatStep step) {
     format += step;
     return *this;
   }
+  // Appends the number to the target in the gathered format; the format then ends.
   String& operator<<(double number);
+  // Appends anything else to the target as String's << does; the format is dropped.
   template <class T> String& operator<<(const T& other);
 
 private:
@@ -76,8 +81,9 @@ public:
   using Unit = char16_t;
   static constexpr std::ptrdiff_t npos = -1;
 
+  // An empty text.
   String() = default;
-  // Null pointers give an empty text.
+  // The given units. Null pointers give an empty text.
   String(const char16_t* text);
   String(const char16_t* text, std::size_t length);
   String(std::u16string_view text) : units(text) {}
@@ -92,15 +98,18 @@ public:
   // Plain 7-bit text, such as the fixed messages of the library; each byte becomes one unit.
   static String FromAscii(std::string_view ascii);
 
+  // Replace the text, as the constructors of the same argument do.
   String& operator=(const char16_t* text);
   String& operator=(const wchar_t* text);
 
+  // Exact comparison, unit by unit; a null pointer compares as an empty text.
   friend bool operator==(const String& a, const String& b) noexcept { return a.units == b.units; }
   friend bool operator==(const String& a, const char16_t* b) noexcept { return a.units == (b ? b : u""); }
   friend std::strong_ordering operator<=>(const String& a, const String& b) noexcept {
     return a.units <=> b.units;
   }
 
+  // Append (+=) or join (+) texts; a null pointer adds nothing.
   String& operator+=(const String& text) { units += text.units; return *this; }
   String& operator+=(std::u16string_view text) { units += text; return *this; }
   String& operator+=(const char16_t* text) { if (text) units += text; return *this; }
@@ -113,8 +122,10 @@ public:
   char16_t& operator[](std::size_t index) { return units[index]; }
   const char16_t& operator[](std::size_t index) const { return units[index]; }
 
+  // The number of 16-bit units.
   std::size_t Len() const noexcept { return units.size(); }
   bool IsEmpty() const noexcept { return units.empty(); }
+  // Removes every unit.
   void SetEmpty() noexcept { units.clear(); }
 
   // The first count units (all of them if count is larger).
@@ -129,12 +140,14 @@ public:
   std::ptrdiff_t Find(const char16_t* text, std::size_t start = 0) const noexcept {
     return Find(std::u16string_view(text ? text : u""), start);
   }
+  // True if text occurs anywhere.
   bool Contains(std::u16string_view text) const noexcept { return Find(text) != -1; }
 
   // Remove blanks (space, tab, CR, LF, vertical tab, form feed) in place: both ends, or the front.
   String& TrimAll();
   String& TrimLeft();
 
+  // Append text, or an integer in plain decimal, and return this text for chaining.
   String& operator<<(const String& text) { return *this += text; }
   String& operator<<(const char16_t* text) { return *this += text; }
   String& operator<<(const wchar_t* text) { return *this += String(text); }
@@ -146,7 +159,9 @@ public:
   String& operator<<(unsigned long long number);
   // Shortest text that reads back as the same number.
   String& operator<<(double number);
+  // Appends CR LF.
   String& operator<<(NewLine) { return *this += u"\r\n"; }
+  // Starts a format for the next double of this expression.
   FormattedString operator<<(DoubleFormatStep step) { return FormattedString(*this, DoubleFormat() += step); }
   // The number in the format given.
   String& AppendDouble(double number, DoubleFormat format);
@@ -162,9 +177,12 @@ public:
 
   // Zero-terminated units, valid until the next change.
   const char16_t* Data() const noexcept { return units.c_str(); }
+  // The units as a view, valid until the next change.
   std::u16string_view View() const noexcept { return units; }
+  // The units themselves, for code that works on std::u16string.
   const std::u16string& Std() const noexcept { return units; }
   std::u16string& Std() noexcept { return units; }
+  // Makes room for length units without changing the text.
   void Reserve(std::size_t length) { units.reserve(length); }
 
   // The text as wchar_t where wchar_t has 16 bits (Windows API calls).

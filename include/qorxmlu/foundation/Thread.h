@@ -26,6 +26,8 @@ public:
   Thread(const char* name, Event* stopEvent, bool callerKeepsEvent);
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;
+  // Signals the stop event of a body that still runs and waits for it (a derived class should have
+  // stopped it already), then deletes the stop event if the thread owns it.
   virtual ~Thread();
 
   // Starts the body on a pooled thread. Fails with an error if the thread is running already or
@@ -41,7 +43,9 @@ public:
   // Waits until the body has ended by itself, without signalling.
   void AwaitStoppedRunning();
 
+  // The event that BlockingStopRunning signals; the body may wait on it.
   Event* StopEvent() const noexcept { return stopEvent; }
+  // The name given at construction ("" for none).
   const char* Name() const noexcept { return name ? name : ""; }
 
 protected:

@@ -20,6 +20,8 @@ struct OwnedRecords {
 template <class T, class A = const T&>
 class VArray : public detail::ArrayCore<T*, detail::OwnedRecords<T>> {
 public:
+  // The record at index (below Size()). The non-const form first gives this handle records of
+  // its own, so a write through it never shows in a copy.
   T& operator[](std::size_t index) { return *this->Own()->items[index]; }
   const T& operator[](std::size_t index) const { return *this->Items()[index]; }
 

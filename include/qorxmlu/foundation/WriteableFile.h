@@ -8,6 +8,7 @@ namespace QOR {
 
 class QORXMLU_API WriteableFile : public BaseFile {
 public:
+  // A file object for path; Open opens or makes it.
   explicit WriteableFile(String path) : BaseFile(std::move(path)) {}
 
   // Opens for writing: append true writes behind what the file holds, false starts the file anew.

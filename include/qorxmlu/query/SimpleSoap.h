@@ -29,6 +29,7 @@ public:
   SimpleSoap(const SimpleSoap& source);
   // Always throws the char* "SimpleSoap op = not supported"; this query stays unchanged.
   SimpleSoap& operator=(const SimpleSoap& source);
+  // Destroys the parameters and the document.
   ~SimpleSoap() override;
 
   // Appends a parameter. Empty names and repeated names are kept, in the order added.
@@ -45,6 +46,7 @@ public:
 
   // The URL as given to the constructor.
   String GetUrl() const;
+  // The caller's two identifiers, as given to the constructor.
   unsigned int QueryID() const;
   String QuerySubID() const;
   // The path of the file to upload; empty for none.

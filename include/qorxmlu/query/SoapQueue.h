@@ -43,6 +43,7 @@ public:
     ~QueueThread() override;
 
   protected:
+    // Runs queries until the stop event is set; returns null.
     ErrorInfo* ThreadBody(bool& finished) override;
 
   private:

@@ -43,6 +43,7 @@ public:
   String GetValue() const { return value; }
   String GetComment() const { return comment ? *comment : String(); }
 
+  // The number of attributes and of direct nested tags.
   std::size_t NoOfAttributes() const { return attributes.Size(); }
   std::size_t NoOfNestedTags() const { return nestedTags.Size(); }
   // The name or value of the attribute at that position (below NoOfAttributes()).
