@@ -69,7 +69,7 @@ struct Row {
 };
 
 constexpr DWORD normal = 5000;
-constexpr DWORD short_ = 300;
+constexpr DWORD impatient = 300;
 
 const char* const sameOnWine = nullptr;
 
@@ -82,7 +82,7 @@ const std::vector<Row>& Matrix() {
       {"unresolved name", "unresolved", false, normal,
        All({"Error sending request: Problem accessing the Internet. UNRESOLVED URL"}),
        All({"Error sending request: Problem accessing the Internet. UNRESOLVED URL"}), sameOnWine},
-      {"accepts and never answers", "stall2s", false, short_,
+      {"accepts and never answers", "stall2s", false, impatient,
        All({"Error ending http request: OPERATION CANCELLED", "Timed out ending http request"}),
        All({"Timed out ending http request"}),
        "a close does not end a pending call there: the step's own wait runs out"},
@@ -191,7 +191,7 @@ TEST_F(FaultMatrixTest, EveryFaultOnEveryPath) {
     }
     // Under Wine a stalled call completes only when the server gives up (after 2 s); its late
     // callbacks must find nothing freed, so the process stays until they have come.
-    if (wine && row.requestTimeout == short_) std::this_thread::sleep_for(2500ms);
+    if (wine && row.requestTimeout == impatient) std::this_thread::sleep_for(2500ms);
   }
   std::printf("fault matrix (%s): %d of %d cells passed\n", wine ? "Wine" : "native", passed, cells);
 }
