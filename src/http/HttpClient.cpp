@@ -246,18 +246,16 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
   }
   ClearFormFields();
 
+  std::size_t total = 0;
   if (!error) {
     String closing;
     closing << newline << u"--" << boundary << u"--";
     AddTextSegment(std::move(closing));
-    std::size_t total = 0;
     for (std::size_t i = 0; i < segments.Size(); ++i) total += segments[i].length;
     // Refused before the file is read into memory.
     if (total > largestTransfer) error = MakeError(String(bodyTooLarge));
   }
   if (!error) {
-    std::size_t total = 0;
-    for (std::size_t i = 0; i < segments.Size(); ++i) total += segments[i].length;
     char* block = new char[total];
     char* position = block;
     for (std::size_t i = 0; i < segments.Size() && !error; ++i) {
