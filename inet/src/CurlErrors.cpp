@@ -31,8 +31,6 @@ DWORD WinInetErrorOf(CURLcode code, long verifyResult) {
   switch (code) {
   case CURLE_OK:
     return 0;
-  case CURLE_UNSUPPORTED_PROTOCOL:
-    return ERROR_INTERNET_UNRECOGNIZED_SCHEME;
   case CURLE_URL_MALFORMAT:
     return ERROR_INTERNET_INVALID_URL;
   case CURLE_COULDNT_RESOLVE_PROXY:
@@ -40,6 +38,9 @@ DWORD WinInetErrorOf(CURLcode code, long verifyResult) {
     return ERROR_INTERNET_NAME_NOT_RESOLVED;
   case CURLE_COULDNT_CONNECT:
     return ERROR_INTERNET_CANNOT_CONNECT;
+  // The layer only ever asks for http and https, so libcurl's "unsupported protocol" means a
+  // reply without a status line (HTTP/0.9, which it refuses): no valid reply.
+  case CURLE_UNSUPPORTED_PROTOCOL:
   case CURLE_WEIRD_SERVER_REPLY:
   case CURLE_GOT_NOTHING:
   case CURLE_HTTP2:

@@ -7,6 +7,7 @@
 #include <qorxmlu/foundation/Utility.h>
 #include <qorxmlu/http/HttpClientImpInterface.h>
 
+#include "http/InternetErrors.h"
 #include "http/WinInetTable.h"
 
 #include <algorithm>
@@ -245,12 +246,16 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
   }
   ClearFormFields();
 
+  std::size_t total = 0;
   if (!error) {
     String closing;
     closing << newline << u"--" << boundary << u"--";
     AddTextSegment(std::move(closing));
-    std::size_t total = 0;
     for (std::size_t i = 0; i < segments.Size(); ++i) total += segments[i].length;
+    // Refused before the file is read into memory.
+    if (total > largestTransfer) error = MakeError(String(bodyTooLarge));
+  }
+  if (!error) {
     char* block = new char[total];
     char* position = block;
     for (std::size_t i = 0; i < segments.Size() && !error; ++i) {

@@ -490,7 +490,9 @@ ErrorInfo* HttpClientImp::SendRequest(String url) {
     CritSectionLock hold(fileHandleSection);
     cancelled = false;
   }
-  ErrorInfo* error = OpenRequest(url);
+  // A body from a derived client's GetRequestBuffer is held to the same limit, before anything goes out.
+  ErrorInfo* error = Blocks().bodySize > largestTransfer ? MakeError(String(bodyTooLarge)) : nullptr;
+  if (!error) error = OpenRequest(url);
   if (!error) error = SendRequestHeaders();
   if (!error) error = WriteRequestData();
   ErrorInfo* endError = EndRequest();
@@ -603,13 +605,15 @@ ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool exa
   if (Blocks().replyBuffer) RenewBlocks();
   RequestBlocks& request = *blocks;
   std::size_t capacity = blockSize;
-  request.replyBuffer = new char[capacity + spare];
+  std::size_t allocated = capacity + spare;
+  request.replyBuffer = new char[allocated];
   total = 0;
   request.readBlock = INTERNET_BUFFERSA{};
   request.readBlock.dwStructSize = sizeof(INTERNET_BUFFERSA);
   for (;;) {
     request.readBlock.lpvBuffer = request.replyBuffer + total;
-    request.readBlock.dwBufferLength = static_cast<::DWORD>(capacity - total);
+    // At the largest reply the buffer is full: one byte into its spare room tells whether more comes.
+    request.readBlock.dwBufferLength = static_cast<::DWORD>(total == largestTransfer ? 1 : capacity - total);
     BOOL done;
     ::DWORD code = 0;
     {
@@ -632,12 +636,22 @@ ErrorInfo* HttpClientImp::ReadToEnd(DWORD blockSize, std::size_t spare, bool exa
     std::size_t count = request.readBlock.dwBufferLength;
     if (count == 0) return nullptr;
     total += count;
-    if (total >= capacity) {
-      capacity += blockSize;
-      char* larger = new char[capacity + spare];
-      std::memcpy(larger, request.replyBuffer, total);
+    if (total > largestTransfer) {
       delete[] request.replyBuffer;
-      request.replyBuffer = larger;
+      request.replyBuffer = nullptr;
+      return MakeError(String(replyTooLarge));
+    }
+    if (total >= capacity && capacity < largestTransfer) {
+      capacity = std::min<std::size_t>(capacity + blockSize, largestTransfer);
+      // The reads still offer one block at a time, but the room behind them doubles: a reply
+      // of n blocks costs a few copies, not n copies of everything read so far.
+      if (capacity + spare > allocated) {
+        allocated = std::max(capacity + spare, std::min(2 * allocated, largestTransfer + spare));
+        char* larger = new char[allocated];
+        std::memcpy(larger, request.replyBuffer, total);
+        delete[] request.replyBuffer;
+        request.replyBuffer = larger;
+      }
     }
   }
 }

@@ -5,7 +5,15 @@
 #include <qorxmlu/foundation/String.h>
 #include <qorxmlu/foundation/Types.h>
 
+#include <cstddef>
+
 namespace QOR {
+
+// WinInet is told a body's length, and the engine counts a reply, in 32 bits: neither may reach
+// 4 GiB. Both are refused with these words rather than let the count wrap.
+inline constexpr std::size_t largestTransfer = 0xFFFFFFFF;
+inline constexpr const char16_t* bodyTooLarge = u"Request body too large: 4 GiB or more";
+inline constexpr const char16_t* replyTooLarge = u"Reply too large: 4 GiB or more";
 
 // True if the code lies in WinInet's range (12000 to 12192); text then holds its words, or
 // "Unspecified Internet error" for a code without a row. Otherwise text is left alone.

@@ -103,5 +103,20 @@ TEST_F(RequestBodyTest, MissingFileFailsAndStillConsumesTheForm) {
   EXPECT_TRUE(client.uploadFile.IsEmpty());
 }
 
+TEST_F(RequestBodyTest, BodyOf4GiBIsRefusedBeforeTheFileIsRead) {
+  // Sparse: the file takes no room, and it is never read. Its size alone, with the headers, makes
+  // the body 4 GiB; a 32-bit count would wrap to a few hundred bytes.
+  String path = folder.Write("big.bin", "");
+  std::filesystem::resize_file(folder.Path("big.bin"), 0xFFFFFFFFull - 100);
+  client.AddFormField(u"id", u"7");
+  client.SetUploadFile(path, u"userfile");
+  const char* buffer = reinterpret_cast<const char*>(1);
+  std::size_t length = 99;
+  EXPECT_EQ(test::TakeText(client.GetRequestBuffer(boundary, buffer, length)), "Request body too large: 4 GiB or more");
+  EXPECT_EQ(buffer, nullptr);
+  EXPECT_EQ(length, 0u);
+  EXPECT_EQ(client.formNames.Size(), 0u);
+}
+
 } // namespace
 } // namespace QOR

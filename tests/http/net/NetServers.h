@@ -13,6 +13,15 @@
 //   stallbody  headers for 100 000 bytes and 1 000 of them, then nothing for 30 s
 //   trickle    200 with 60 bytes, 10 at a time, 100 ms apart
 //   reset      headers for 100 000 bytes and 1 000 of them, then a reset
+// and for the fault matrix, each answering POST /doc with a reply document of a query:
+//   expired    HTTPS, certificate from the test CA that ran out 30 days ago
+//   wronghost  HTTPS, certificate from the test CA for another host name
+//   slowhead   the status line and headers 8 bytes at a time, 15 ms apart, then the document
+//   slowbody   the headers, then the document 8 bytes at a time, 15 ms apart
+//   resethead  half a status line, then a reset
+//   shortbody  Content-Length 1 000 bytes beyond the document, the document, then a close
+//   garbage    a line that is no HTTP, then a close
+// (plain, secure and untrusted answer /doc too).
 //
 // Natively the test program starts them itself. Under Wine, where no server library exists, the
 // native http_net_host starts them and hands their addresses to the Windows test program in the

@@ -36,9 +36,25 @@ std::string Base64(const std::string& bytes) {
   return text;
 }
 
+// The reply document of a query that went well; every server of the fault matrix answers /doc with it.
+const std::string replyDocument = "<?xml version=\"1.0\"?>\r\n<Reply>\r\n<Success>0</Success>\r\n</Reply>\r\n";
+
+void AddDocumentRoute(LoopbackServer& server) {
+  server.Routes().Post("/doc", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content(replyDocument, "text/xml");
+  });
+}
+
+// Reads one request; false when the client went first.
+bool TakeRequest(RawConnection& connection) {
+  RawConnection::Head head;
+  return connection.ReadHead(head) && connection.ReadBody(head.contentLength) == head.contentLength;
+}
+
 class LocalServers : public NetServerSet {
 public:
   LocalServers() {
+    for (LoopbackServer* server : {&plain, &secure, &untrusted, &expired, &wrongHost}) AddDocumentRoute(*server);
     plain.Routes().Post("/mirror", [](const httplib::Request& request, httplib::Response& response) {
       std::string text = request.method + " " + request.path + "\n";
       for (const auto& [name, value] : request.headers) text += name + ": " + value + "\n";
@@ -64,6 +80,8 @@ public:
     plain.Start();
     secure.Start();
     untrusted.Start();
+    expired.Start();
+    wrongHost.Start();
 
     AddRaw("stalled", [](RawConnection& connection) {
       RawConnection::Head head;
@@ -107,10 +125,45 @@ public:
       connection.Hold(100ms);
       connection.Reset();
     });
+    // The faults of the matrix that no other test needs.
+    // Keep-alive: Wine pools connections across clients, so one connection may carry several requests.
+    AddRaw("slowhead", [](RawConnection& connection) {
+      while (TakeRequest(connection)) {
+        connection.SendSlowly(RawServer::ResponseHead(200, "OK", replyDocument.size()), 8, 15ms);
+        connection.Send(replyDocument);
+      }
+    });
+    AddRaw("slowbody", [](RawConnection& connection) {
+      while (TakeRequest(connection)) {
+        connection.Send(RawServer::ResponseHead(200, "OK", replyDocument.size()));
+        connection.SendSlowly(replyDocument, 8, 15ms);
+      }
+    });
+    AddRaw("resethead", [](RawConnection& connection) {
+      if (!TakeRequest(connection)) return;
+      connection.Send("HTTP/1.1 200 OK\r\nContent-Le");
+      connection.Hold(50ms);
+      connection.Reset();
+    });
+    AddRaw("shortbody", [](RawConnection& connection) {
+      if (!TakeRequest(connection)) return;
+      connection.Send(RawServer::ResponseHead(200, "OK", replyDocument.size() + 1000));
+      connection.Send(replyDocument);
+      connection.Hold(50ms);
+      connection.Close();
+    });
+    AddRaw("garbage", [](RawConnection& connection) {
+      if (!TakeRequest(connection)) return;
+      connection.Send("SSH-2.0-OpenSSH_9.2\r\n\x01\x02\xff garbage\r\n\r\n");
+      connection.Hold(50ms);
+      connection.Close();
+    });
 
     servers.address["plain"] = plain.HostPort();
     servers.address["secure"] = secure.HostPort();
     servers.address["untrusted"] = untrusted.HostPort();
+    servers.address["expired"] = expired.HostPort();
+    servers.address["wronghost"] = wrongHost.HostPort();
     servers.address["blackhole"] = blackHole.HostPort();
     servers.address["refused"] = "127.0.0.1:" + std::to_string(RefusedPort());
     servers.address["unresolved"] = "no-such-host.invalid";
@@ -130,13 +183,29 @@ private:
     options.selfSigned = selfSigned;
     return pki.Issue(name, options);
   }
+  static TestPki::ServerFiles IssueExpired(TestPki& pki) {
+    TestPki::Options options;
+    options.validFromDays = -60;
+    options.validToDays = -30;
+    return pki.Issue("expired", options);
+  }
+  static TestPki::ServerFiles IssueForOtherHost(TestPki& pki) {
+    TestPki::Options options;
+    options.commonName = "wrong.example.invalid";
+    options.addressInAltName = false;
+    return pki.Issue("wronghost", options);
+  }
 
   TestPki pki;
   TestPki::ServerFiles secureFiles = Issue(pki, "secure", false);
   TestPki::ServerFiles untrustedFiles = Issue(pki, "untrusted", true);
+  TestPki::ServerFiles expiredFiles = IssueExpired(pki);
+  TestPki::ServerFiles wrongHostFiles = IssueForOtherHost(pki);
   LoopbackServer plain;
   LoopbackServer secure{secureFiles.certificate, secureFiles.key};
   LoopbackServer untrusted{untrustedFiles.certificate, untrustedFiles.key};
+  LoopbackServer expired{expiredFiles.certificate, expiredFiles.key};
+  LoopbackServer wrongHost{wrongHostFiles.certificate, wrongHostFiles.key};
   std::vector<std::unique_ptr<RawServer>> raw;
   BlackHole blackHole;
   NetServers servers;
