@@ -26,7 +26,7 @@ std::wstring Quoted(const std::wstring& argument) {
   return quoted + L"\"";
 }
 
-// A path of the build machine ("/work/...") as Wine's drive Z: shows it.
+// An absolute Unix path of the build machine as Wine shows it, under drive Z:.
 std::filesystem::path WindowsPath(const std::filesystem::path& path) {
   std::wstring text = path.wstring();
   if (!text.empty() && text.front() == L'/') {
