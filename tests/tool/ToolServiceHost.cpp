@@ -2,12 +2,12 @@
 // Wine), with its address in QORXML_TEST_SERVICE.
 //   qorxml_test_service_host <program> [arguments...]
 #include "SampleService.h"
+#include "ShellCommand.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 
 int main(int argc, char** argv) {
@@ -26,15 +26,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   setenv("QORXML_TEST_SERVICE", ("127.0.0.1:" + std::to_string(service->Port())).c_str(), 1);
-  std::string command;
-  for (int i = 1; i < argc; ++i) {
-    std::string quoted = "'";
-    for (char c : std::string(argv[i])) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    command += quoted + "' ";
-  }
-  int status = std::system(command.c_str());
+  int status = QOR::test::RunArguments(argc, argv, 1);
   service.reset();
   std::error_code ignored;
   std::filesystem::remove_all(uploads, ignored);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+  return status;
 }
