@@ -344,6 +344,7 @@ void RequestHandle::BeginEnd() {
   bool ready = false;
   {
     std::lock_guard<std::mutex> guard(GetSession().Lock());
+    receivingReported = true;
     ready = headersDone && op == Op::End;
   }
   if (ready) CompleteEnd();
@@ -542,7 +543,8 @@ void RequestHandle::HeaderLine(std::string_view line) {
   {
     std::lock_guard<std::mutex> guard(GetSession().Lock());
     headersDone = true;
-    ready = op == Op::End;
+    // Before RECEIVING_RESPONSE has gone out, BeginEnd completes the call once it has.
+    ready = op == Op::End && receivingReported;
   }
   // Reported once libcurl has passed on the body bytes that came with the headers, so that a
   // read right after finds them, as it would in WinInet.

@@ -114,6 +114,7 @@ private:
   bool headersDone = false;
   bool sendReported = false;
   bool endReported = false;
+  bool receivingReported = false;
 
   // Under the libcurl lock.
   std::unique_ptr<Transfer> transfer;

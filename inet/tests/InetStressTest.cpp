@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <thread>
 
@@ -31,6 +32,12 @@ TEST_F(InetStressTest, AThousandRequestsInARow) {
   }
   EXPECT_EQ(server.Connections(), 1u);
   EXPECT_FALSE(driver.CallbackAfterClosing());
+  // Every HttpEndRequest reports RECEIVING_RESPONSE, however early the reply came.
+  std::vector<InetDriver::Note> notes = driver.Notes();
+  auto receiving = std::count_if(notes.begin(), notes.end(), [](const InetDriver::Note& note) {
+    return note.status == INTERNET_STATUS_RECEIVING_RESPONSE;
+  });
+  EXPECT_EQ(receiving, 1000);
 }
 
 TEST_F(InetStressTest, EightThreadsEachWithItsOwnRoot) {

@@ -1,5 +1,6 @@
 #include "TraceSteps.h"
 
+#include <algorithm>
 #include <regex>
 
 namespace QOR::inettest {
@@ -66,9 +67,9 @@ std::vector<std::string> CanonicalLines(const std::vector<std::string>& trace) {
   return lines;
 }
 
-std::string ShowSteps(const std::vector<Step>& steps, std::size_t from) {
+std::string ShowSteps(const std::vector<Step>& steps, std::size_t from, std::size_t to) {
   std::string text;
-  for (std::size_t i = from; i < steps.size(); ++i) {
+  for (std::size_t i = from; i < std::min(to, steps.size()); ++i) {
     text += "    " + steps[i].call + "\n";
     for (const std::string& line : steps[i].callbacks) text += "    " + line + "\n";
   }

@@ -5,6 +5,7 @@
 // after, by a race); CLOSING_CONNECTION and CONNECTION_CLOSED are dropped.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ struct Step {
 std::vector<Step> CanonicalSteps(const std::vector<std::string>& trace);
 // The same, one line per call and callback.
 std::vector<std::string> CanonicalLines(const std::vector<std::string>& trace);
-// The steps from `from` on, indented, for failure messages.
-std::string ShowSteps(const std::vector<Step>& steps, std::size_t from = 0);
+// The steps from `from` up to `to`, indented, for failure messages.
+std::string ShowSteps(const std::vector<Step>& steps, std::size_t from = 0, std::size_t to = SIZE_MAX);
 
 } // namespace QOR::inettest

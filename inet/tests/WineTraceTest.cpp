@@ -115,9 +115,10 @@ TEST_P(WineTraceTest, SameStepsAsWine) {
                 name.c_str(), step + 1, known->reason, ShowSteps(ours, step).c_str(), ShowSteps(wine, step).c_str());
     return;
   }
+  // The parting steps only, so that the two sides fit on one screen.
   ADD_FAILURE() << name << ": the traces part at step " << step + 1 << "\n  libqorinet:\n"
-                << ShowSteps(ours, step) << "  Wine:\n"
-                << ShowSteps(wine, step);
+                << ShowSteps(ours, step, step + 3) << "  Wine:\n"
+                << ShowSteps(wine, step, step + 3);
 }
 
 std::vector<std::string> ScenarioNames() {
