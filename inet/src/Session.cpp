@@ -306,15 +306,20 @@ void Session::Shutdown() {
 // epoll watches a private duplicate of each libcurl socket, never libcurl's own number: libcurl
 // closes a socket that is still connecting without the close hook and reports its removal
 // afterwards, when another thread may already have been given the same number.
-int Session::SocketChanged(CURL*, curl_socket_t socket, int what, void* user, void*) {
+int Session::SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void*) {
   auto* self = static_cast<Session*>(user);
-  if (what != CURL_POLL_REMOVE) return self->Watched(socket, EpollEvents(what));
+  // Read from after the request went out: the connection stands (a socket still connecting is
+  // only ever watched for writing).
+  if (what != CURL_POLL_REMOVE) {
+    bool established = (what & CURL_POLL_IN) && self->readyEasies.count(easy);
+    return self->Watched(socket, EpollEvents(what), established);
+  }
   auto watched = self->watchers.find(socket);
   if (watched != self->watchers.end()) self->Park(watched);
   return 0;
 }
 
-int Session::Watched(curl_socket_t socket, uint32_t events) {
+int Session::Watched(curl_socket_t socket, uint32_t events, bool established) {
   epoll_event event{};
   event.events = events;
   event.data.fd = socket;
@@ -326,10 +331,12 @@ int Session::Watched(curl_socket_t socket, uint32_t events) {
     Watch& watch = watched->second;
     watch.parked = false;
     watch.wanted = events;
+    watch.established |= established;
     return 0;
   }
   Watch watch;
   watch.events = watch.wanted = events;
+  watch.established = established;
   watch.duplicate = fcntl(socket, F_DUPFD_CLOEXEC, 0); // libcurl's socket is open in this call
   if (watch.duplicate < 0) return -1;
   if (epoll_ctl(epollFd, EPOLL_CTL_ADD, watch.duplicate, &event) != 0) {
@@ -370,10 +377,7 @@ void Session::Park(Watchers::iterator watched) {
   watched->second.parked = true;
 }
 
-void Session::SocketEstablished(curl_socket_t socket) {
-  auto watched = watchers.find(socket);
-  if (watched != watchers.end()) watched->second.established = true;
-}
+void Session::ConnectionReady(CURL* easy) { readyEasies.insert(easy); }
 
 void Session::StopWatching(Watchers::iterator watched) {
   epoll_ctl(epollFd, EPOLL_CTL_DEL, watched->second.duplicate, nullptr);
@@ -418,6 +422,7 @@ void Session::Detach(CURL* easy) {
   auto found = attached.find(easy);
   if (found == attached.end()) return;
   curl_multi_remove_handle(multi, easy);
+  readyEasies.erase(easy);
   // The request may hold the last other reference: let it go only after the map is consistent.
   std::shared_ptr<RequestHandle> keep = std::move(found->second);
   attached.erase(found);

@@ -22,6 +22,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace QOR::inet {
@@ -106,9 +107,9 @@ public:
   static int CloseSocket(void* session, curl_socket_t socket);
   // A socket libcurl has just been given (CURLOPT_OPENSOCKETFUNCTION).
   void SocketOpened(curl_socket_t socket);
-  // The socket carries an established connection (a request is about to go out on it): its
-  // watch may outlast the transfer.
-  void SocketEstablished(curl_socket_t socket);
+  // libcurl is about to send the easy handle's request on a connection that stands (new or
+  // reused, PREREQFUNCTION): the socket it then watches for reading may outlast the transfer.
+  void ConnectionReady(CURL* easy);
 
 private:
   explicit Session(Settings settings);
@@ -133,7 +134,7 @@ private:
   };
   using Watchers = std::unordered_map<curl_socket_t, Watch>;
   static int SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void* assigned);
-  int Watched(curl_socket_t socket, uint32_t events);
+  int Watched(curl_socket_t socket, uint32_t events, bool established);
   void Park(Watchers::iterator watched);
   bool WatchesChanged() const;
   void ApplyWatches();
@@ -163,6 +164,7 @@ private:
   std::mutex curlLock; // guards everything below
   CURLM* multi = nullptr;
   std::unordered_map<CURL*, std::shared_ptr<RequestHandle>> attached;
+  std::unordered_set<CURL*> readyEasies; // attached, past ConnectionReady
   std::vector<CURL*> spareEasies;
   std::vector<std::function<void()>> afterPerform;
   std::vector<std::function<void()>> afterUnlock;

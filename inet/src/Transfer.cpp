@@ -154,7 +154,7 @@ curl_socket_t Transfer::OpenSocket(void* user, curlsocktype purpose, curl_sockad
 
 int Transfer::RequestReady(void* user, char*, char*, int, int) {
   RequestHandle& owner = Owner(user);
-  owner.transfer->session.SocketEstablished(owner.transfer->Socket());
+  owner.transfer->session.ConnectionReady(owner.transfer->easy);
   owner.RequestReady();
   return CURL_PREREQFUNC_OK;
 }

@@ -10,8 +10,10 @@
 #include <dlfcn.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 namespace QOR::inettest {
@@ -219,6 +221,39 @@ TEST(InetCallTest, RequestsOnOneConnectionHandleShareOneTcpConnection) {
     std::string reply;
     ASSERT_TRUE(driver.Post("/echo", body, reply).ok) << i;
     EXPECT_EQ(reply, body);
+  }
+  EXPECT_EQ(server.Connections(), 1u);
+}
+
+// The descriptors registered in this process's epoll sets, from /proc/self/fdinfo.
+std::vector<std::string> EpollRegistrations() {
+  std::vector<std::string> registered;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    if (std::filesystem::read_symlink(entry.path(), error).string() != "anon_inode:[eventpoll]") continue;
+    std::ifstream info("/proc/self/fdinfo/" + entry.path().filename().string());
+    std::string line;
+    while (std::getline(info, line))
+      if (line.rfind("tfd:", 0) == 0) registered.push_back(line.substr(0, line.find(" events")));
+  }
+  std::sort(registered.begin(), registered.end());
+  return registered;
+}
+
+TEST(InetCallTest, IdlePooledConnectionStaysRegisteredBetweenRequests) {
+  LoopbackServer server;
+  server.Start();
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
+  std::vector<std::string> idle = EpollRegistrations();
+  std::string reply;
+  ASSERT_TRUE(driver.Post("/echo", "first", reply).ok);
+  // The loop's wake-up and timer descriptors, and now the connection's watch.
+  std::vector<std::string> pooled = EpollRegistrations();
+  EXPECT_EQ(pooled.size(), idle.size() + 1);
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_TRUE(driver.Post("/echo", "again", reply).ok) << i;
+    EXPECT_EQ(EpollRegistrations(), pooled) << "request " << i << " registered its socket anew";
   }
   EXPECT_EQ(server.Connections(), 1u);
 }
