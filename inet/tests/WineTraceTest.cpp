@@ -44,6 +44,18 @@ const KnownDifference knownDifferences[] = {
 
 using Traces = std::map<std::string, std::vector<std::string>>;
 
+// The first step at which the two traces differ (the shorter one's length if it is the other's start).
+std::size_t PartingStep(const std::vector<Step>& ours, const std::vector<Step>& wine) {
+  std::size_t count = std::min(ours.size(), wine.size());
+  std::size_t step = 0;
+  while (step < count && ours[step].call == wine[step].call && ours[step].callbacks == wine[step].callbacks) ++step;
+  return step;
+}
+
+bool SameSteps(const std::vector<Step>& ours, const std::vector<Step>& wine) {
+  return ours.size() == wine.size() && PartingStep(ours, wine) == ours.size();
+}
+
 std::string Quote(const std::string& text) { return "'" + text + "'"; }
 
 Traces RunProgram(const std::string& command) {
@@ -80,9 +92,13 @@ public:
       ScenarioServers servers;
       linuxTraces = RunProgram(Quote(QORINET_SCENARIO) + Arguments(servers, ""));
     }
+    wineTraces = RunWine("");
+  }
+  // The scenario program under Wine, against servers of its own; `only` names one scenario.
+  static Traces RunWine(const std::string& only) {
     // Wine sees the Linux file system as drive Z:.
     ScenarioServers servers;
-    wineTraces = RunProgram(wineCommand + " " + Quote(windowsScenario) + Arguments(servers, "Z:"));
+    return RunProgram(wineCommand + " " + Quote(windowsScenario) + Arguments(servers, "Z:") + " " + only);
   }
   static Traces linuxTraces;
   static Traces wineTraces;
@@ -103,10 +119,23 @@ TEST_P(WineTraceTest, SameStepsAsWine) {
   for (const KnownDifference& difference : knownDifferences) {
     if (name == difference.scenario) known = &difference;
   }
+  std::size_t step = PartingStep(ours, wine);
+  // Wine's verdict on a certificate now and then changes from one run to the next (INVALID_CA,
+  // on a fresh prefix, for a CA it trusted a moment before): a parting counts only if a second
+  // run of the scenario under Wine parts too.
+  if (!known && !SameSteps(ours, wine)) {
+    Traces again = RunWine(name);
+    if (again.count(name)) {
+      std::vector<Step> second = CanonicalSteps(again[name]);
+      if (SameSteps(ours, second)) {
+        std::printf("%s: Wine's first run parted at step %zu, its second run did not.\n  Wine's first run:\n%s",
+                    name.c_str(), step + 1, ShowSteps(wine, step, step + 3).c_str());
+        return;
+      }
+    }
+  }
   std::size_t count = std::min(ours.size(), wine.size());
-  std::size_t step = 0;
-  while (step < count && ours[step].call == wine[step].call && ours[step].callbacks == wine[step].callbacks) ++step;
-  if (step == ours.size() && step == wine.size()) {
+  if (SameSteps(ours, wine)) {
     EXPECT_EQ(known, nullptr) << "the recorded difference is gone: " << known->reason;
     return;
   }

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <exception>
 #include <thread>
 #include <vector>
@@ -28,6 +30,10 @@ using namespace std::chrono_literals;
 constexpr auto workerSpin = 50us;
 constexpr auto idleLifetime = 20s;
 constexpr auto stopSpin = 50us;
+// A deferred job that found no OS thread is dispatched again after this.
+constexpr auto retryAfter = 10ms;
+
+using Clock = std::chrono::steady_clock;
 
 struct Worker {
   std::atomic<Thread*> job{nullptr};
@@ -50,16 +56,30 @@ public:
 
   // Hands the job to an idle worker or to a new OS thread; false if no OS thread could be had.
   bool Dispatch(Thread* job) noexcept;
+  // Has the starter dispatch the job at `due`; false if it could not be queued.
+  bool Defer(Thread* job, Clock::time_point due) noexcept;
+  // Takes back a deferred job that the starter has not dispatched yet.
+  bool Withdraw(Thread* job) noexcept;
 
 private:
+  struct Deferred {
+    Thread* job;
+    Clock::time_point due;
+  };
+
+  void StarterMain() noexcept;
   static void WorkerMain(Worker* worker) noexcept;
   static Thread* TakeJob(Worker* worker) noexcept;
   Thread* AwaitJob(Worker* worker) noexcept;
   bool MakeIdle(Worker* worker) noexcept;
   bool Retire(Worker* worker) noexcept;
 
-  std::mutex lock;
+  std::mutex lock; // guards the fields below
   std::vector<Worker*> idle; // the latest freed last: it is the likeliest to be spinning still
+  std::vector<Deferred> deferred;
+  std::condition_variable starterWake;
+  bool starterStarted = false;
+  Clock::time_point starterWakesAt = Clock::time_point::min(); // the starter's next look, if asleep
 };
 
 bool ThreadPool::Dispatch(Thread* job) noexcept {
@@ -86,6 +106,61 @@ bool ThreadPool::Dispatch(Thread* job) noexcept {
   } catch (...) {
     delete worker;
     return false;
+  }
+}
+
+bool ThreadPool::Defer(Thread* job, Clock::time_point due) noexcept {
+  std::lock_guard<std::mutex> hold(lock);
+  try {
+    if (!starterStarted) {
+      std::thread([this] { StarterMain(); }).detach();
+      starterStarted = true;
+    }
+    deferred.push_back({job, due});
+  } catch (...) {
+    return false;
+  }
+  // A starter that would wake by this due time anyway is left asleep.
+  if (due < starterWakesAt) {
+    starterWakesAt = due;
+    starterWake.notify_one();
+  }
+  return true;
+}
+
+bool ThreadPool::Withdraw(Thread* job) noexcept {
+  std::lock_guard<std::mutex> hold(lock);
+  auto found = std::find_if(deferred.begin(), deferred.end(), [job](const Deferred& entry) { return entry.job == job; });
+  if (found == deferred.end()) return false;
+  deferred.erase(found);
+  return true;
+}
+
+// Dispatches deferred jobs as they fall due. It wakes at most once per due time, and not at all
+// while nothing is deferred.
+void ThreadPool::StarterMain() noexcept {
+  std::unique_lock<std::mutex> hold(lock);
+  for (;;) {
+    if (deferred.empty()) {
+      starterWakesAt = Clock::time_point::max();
+      starterWake.wait(hold, [this] { return !deferred.empty(); });
+      continue;
+    }
+    auto first = std::min_element(deferred.begin(), deferred.end(),
+                                  [](const Deferred& a, const Deferred& b) { return a.due < b.due; });
+    Clock::time_point now = Clock::now();
+    if (first->due > now) {
+      starterWakesAt = first->due;
+      starterWake.wait_until(hold, first->due);
+      continue;
+    }
+    Thread* job = first->job;
+    deferred.erase(first);
+    hold.unlock();
+    bool dispatched = Dispatch(job);
+    hold.lock();
+    // No OS thread to be had: try again shortly; a stop meanwhile withdraws the job.
+    if (!dispatched) deferred.push_back({job, now + retryAfter});
   }
 }
 
@@ -173,7 +248,11 @@ Thread::Thread(const char* name, Event* stopEvent, bool callerKeepsEvent)
       ownsEvent(!callerKeepsEvent || !stopEvent) {}
 
 Thread::~Thread() {
-  if (running.load(std::memory_order_acquire)) stopEvent->Set();
+  if (running.load(std::memory_order_acquire)) {
+    stopEvent->Set();
+    // Not started yet, it never will be: the derived part that the body needs is gone.
+    if (ThreadPool::Instance().Withdraw(this)) SignalEnded();
+  }
   AwaitStoppedRunning();
   if (ownsEvent) delete stopEvent;
 }
@@ -183,7 +262,9 @@ ErrorInfo* Thread::StartRunning() {
   if (!running.compare_exchange_strong(wasRunning, true, std::memory_order_acq_rel))
     return MakeError(String(u"Thread is running already: "), ThreadName(*this));
   stopEvent->Reset();
-  if (ThreadPool::Instance().Dispatch(this)) return nullptr;
+  ThreadPool& pool = ThreadPool::Instance();
+  if (lateStart.count() > 0 && pool.Defer(this, Clock::now() + lateStart)) return nullptr;
+  if (pool.Dispatch(this)) return nullptr;
   SignalEnded();
   return MakeError(String(u"Can't start thread: "), ThreadName(*this));
 }
@@ -194,9 +275,16 @@ void Thread::BlockingStopRunning() {
   if (running.load(std::memory_order_acquire)) {
     stopEvent->Set();
     OnStop();
+    // Stopped before its start fell due: the body runs here, once, and finds the stop signalled.
+    if (ThreadPool::Instance().Withdraw(this)) {
+      RunBody();
+      SignalEnded();
+    }
   }
   AwaitStoppedRunning();
 }
+
+void Thread::AllowLateStart(std::chrono::microseconds grace) noexcept { lateStart = grace; }
 
 void Thread::AwaitStoppedRunning() {
   detail::SpinUntil([this] { return !running.load(std::memory_order_acquire); }, stopSpin);

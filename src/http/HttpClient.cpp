@@ -11,6 +11,7 @@
 #include "http/WinInetTable.h"
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -104,7 +105,10 @@ ErrorInfo* HttpClient::DoRetrieve(String& reply, DWORD blockSize, String url, ch
   // The watchdog: cancels the request when requestTimeout has run out since its start.
   class LocalThread : public Thread {
   public:
-    explicit LocalThread(HttpClient* client) : Thread("LocalThread", new Event(true), false), client(client) {}
+    explicit LocalThread(HttpClient* client) : Thread("LocalThread", new Event(true), false), client(client) {
+      // Most requests end well within this: their watchdog then never needs a thread of its own.
+      AllowLateStart(std::chrono::milliseconds(1));
+    }
     ~LocalThread() override = default;
 
   protected:

@@ -26,6 +26,7 @@ public:
   explicit TestThread(Body body, Event* stopEvent = nullptr, bool callerKeepsEvent = true)
       : Thread("TestThread", stopEvent, callerKeepsEvent), body(std::move(body)) {}
   ~TestThread() override { BlockingStopRunning(); }
+  void LateStart(std::chrono::microseconds grace) { AllowLateStart(grace); }
 
   void OnStop() override {
     stopSeenInOnStop = StopEvent()->IsSet();
@@ -201,6 +202,92 @@ TEST(ThreadTest, QuickStartsAndStopsFromSeveralThreads) {
         thread.BlockingStopRunning();
       }
       if (thread.passes != 300 || waiting.passes != 300) ++failures;
+    });
+  }
+  for (auto& driver : drivers) driver.join();
+  EXPECT_EQ(failures.load(), 0);
+}
+
+TEST(ThreadTest, LateStartRunsTheBodyOnTheStopperOrAfterTheGrace) {
+  std::thread::id ranOn;
+  bool stopWasSet = false;
+  auto start = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::duration startedAfter{};
+  TestThread thread([&](TestThread& self, bool& finished) -> ErrorInfo* {
+    ranOn = std::this_thread::get_id();
+    stopWasSet = self.StopEvent()->IsSet();
+    startedAfter = std::chrono::steady_clock::now() - start;
+    finished = true;
+    return nullptr;
+  });
+
+  // Stopped within the grace: one pass, here, with the stop signalled.
+  thread.LateStart(10s);
+  ASSERT_EQ(thread.StartRunning(), nullptr);
+  EXPECT_TRUE(thread.Running());
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(thread.passes.load(), 0);
+  thread.BlockingStopRunning();
+  EXPECT_FALSE(thread.Running());
+  EXPECT_EQ(thread.passes.load(), 1);
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  EXPECT_TRUE(stopWasSet);
+
+  // Left alone: it starts by itself once the grace is over, on a pooled thread.
+  thread.LateStart(30ms);
+  start = std::chrono::steady_clock::now();
+  ASSERT_EQ(thread.StartRunning(), nullptr);
+  thread.AwaitStoppedRunning();
+  EXPECT_EQ(thread.passes.load(), 2);
+  EXPECT_NE(ranOn, std::this_thread::get_id());
+  EXPECT_FALSE(stopWasSet);
+  EXPECT_GE(startedAfter, 30ms);
+  EXPECT_LT(startedAfter, 5s);
+}
+
+std::atomic<int> bareRuns{0};
+
+// Stops nothing in its destructor: the base destructor is what ends it.
+class BareThread : public Thread {
+public:
+  BareThread() : Thread("BareThread", nullptr, false) { AllowLateStart(std::chrono::milliseconds(50)); }
+
+protected:
+  ErrorInfo* ThreadBody(bool& finished) override {
+    ++bareRuns;
+    finished = true;
+    return nullptr;
+  }
+};
+
+TEST(ThreadTest, ALateStartingThreadDestroyedBeforeItsStartNeverRuns) {
+  bareRuns = 0;
+  {
+    BareThread thread;
+    ASSERT_EQ(thread.StartRunning(), nullptr);
+  }
+  std::this_thread::sleep_for(150ms); // past the grace: nothing may be dispatched any more
+  EXPECT_EQ(bareRuns.load(), 0);
+}
+
+TEST(ThreadTest, LateStartsStoppedEarlyAndLateFromSeveralThreads) {
+  std::vector<std::thread> drivers;
+  std::atomic<int> failures{0};
+  for (int d = 0; d < 3; ++d) {
+    drivers.emplace_back([&, d] {
+      TestThread watchdog(UntilStopped);
+      watchdog.LateStart(std::chrono::microseconds(500));
+      for (int i = 0; i < 200; ++i) {
+        if (ErrorInfo* error = watchdog.StartRunning()) {
+          ++failures;
+          delete error;
+        }
+        // Some stops come before the start falls due, some after, some just at it.
+        if ((i + d) % 3 == 1) std::this_thread::sleep_for(std::chrono::microseconds(400 + 100 * d));
+        if ((i + d) % 3 == 2) std::this_thread::sleep_for(2ms);
+        watchdog.BlockingStopRunning();
+      }
+      if (watchdog.passes != 200) ++failures;
     });
   }
   for (auto& driver : drivers) driver.join();

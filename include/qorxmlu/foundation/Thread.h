@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <atomic>
+#include <chrono>
 
 namespace QOR {
 
@@ -51,6 +52,11 @@ public:
 protected:
   // Runs on the pooled thread. Set finished to true to end; return an error to have it logged.
   virtual ErrorInfo* ThreadBody(bool& finished) = 0;
+  // Lets the body begin up to `grace` after StartRunning (0, the default: at once). A thread
+  // stopped within that time costs no OS thread at all: BlockingStopRunning runs the body once,
+  // on its own thread, with the stop event signalled. Meant for bodies that first wait on their
+  // stop event, such as watchdogs guarding something that usually ends quickly.
+  void AllowLateStart(std::chrono::microseconds grace) noexcept;
 
 private:
   friend struct ThreadPoolAccess;
@@ -65,6 +71,7 @@ private:
   std::mutex endMutex;
   std::condition_variable ended;
   unsigned long long endedRuns = 0; // under endMutex; tells a waiter its run ended after a restart
+  std::chrono::microseconds lateStart{0};
 };
 
 } // namespace QOR
