@@ -45,7 +45,8 @@ struct Worker {
   bool spinForJob = true;
 };
 
-// The OS threads that run Thread bodies. Idle workers wait for a job and exit after a while.
+// The OS threads that run Thread bodies. Idle workers wait for a job and exit after a while. One
+// starter thread, made on first need, hands late-starting bodies to workers when they fall due.
 class ThreadPool {
 public:
   static ThreadPool& Instance() {
