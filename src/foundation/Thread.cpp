@@ -32,6 +32,8 @@ constexpr auto idleLifetime = 20s;
 constexpr auto stopSpin = 50us;
 // A deferred job that found no OS thread is dispatched again after this.
 constexpr auto retryAfter = 10ms;
+// How long the starter sleeps with nothing deferred before it looks again anyway.
+constexpr auto idleStarterLook = 1h;
 
 using Clock = std::chrono::steady_clock;
 
@@ -144,7 +146,9 @@ void ThreadPool::StarterMain() noexcept {
   for (;;) {
     if (deferred.empty()) {
       starterWakesAt = Clock::time_point::max();
-      starterWake.wait(hold, [this] { return !deferred.empty(); });
+      // A timed wait even here: with MinGW's threads under Wine, an untimed wait that follows
+      // timed ones on the same condition variable was seen to miss its notification for good.
+      starterWake.wait_for(hold, idleStarterLook);
       continue;
     }
     auto first = std::min_element(deferred.begin(), deferred.end(),
