@@ -155,8 +155,10 @@ void ThreadPool::StarterMain() noexcept {
                                   [](const Deferred& a, const Deferred& b) { return a.due < b.due; });
     Clock::time_point now = Clock::now();
     if (first->due > now) {
-      starterWakesAt = first->due;
-      starterWake.wait_until(hold, first->due);
+      // A copy: the list may grow, and move, while the wait has let go of the lock.
+      Clock::time_point due = first->due;
+      starterWakesAt = due;
+      starterWake.wait_until(hold, due);
       continue;
     }
     Thread* job = first->job;
