@@ -32,8 +32,6 @@ constexpr auto idleLifetime = 20s;
 constexpr auto stopSpin = 50us;
 // A deferred job that found no OS thread is dispatched again after this.
 constexpr auto retryAfter = 10ms;
-// How long the starter sleeps with nothing deferred before it looks again anyway.
-constexpr auto idleStarterLook = 1h;
 
 using Clock = std::chrono::steady_clock;
 
@@ -146,9 +144,9 @@ void ThreadPool::StarterMain() noexcept {
   for (;;) {
     if (deferred.empty()) {
       starterWakesAt = Clock::time_point::max();
-      // A timed wait even here: with MinGW's threads under Wine, an untimed wait that follows
-      // timed ones on the same condition variable was seen to miss its notification for good.
-      starterWake.wait_for(hold, idleStarterLook);
+      // Whatever wakes it, the loop looks again and sets starterWakesAt anew: a job withdrawn
+      // before the starter got to it must not leave a stale wake time that keeps Defer quiet.
+      starterWake.wait(hold);
       continue;
     }
     auto first = std::min_element(deferred.begin(), deferred.end(),

@@ -254,6 +254,26 @@ TEST(ThreadTest, LateStartRunsTheBodyOnTheStopperOrAfterTheGrace) {
   EXPECT_LT(startedAfter, 5s);
 }
 
+TEST(ThreadTest, AStartWithdrawnBeforeTheStarterLookedLeavesTheNextOnTime) {
+  TestThread thread([](TestThread&, bool& finished) -> ErrorInfo* {
+    finished = true;
+    return nullptr;
+  });
+  thread.LateStart(20ms);
+  for (int round = 0; round < 20; ++round) {
+    // Withdrawn at once: the starter, woken for it, may find nothing left.
+    ASSERT_EQ(thread.StartRunning(), nullptr);
+    thread.BlockingStopRunning();
+    std::this_thread::sleep_for(25ms);
+    // This one runs by itself once its grace is over.
+    auto deadline = std::chrono::steady_clock::now() + 2s;
+    ASSERT_EQ(thread.StartRunning(), nullptr);
+    while (thread.Running() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+    ASSERT_FALSE(thread.Running()) << "round " << round << ": the late start never came";
+  }
+  EXPECT_EQ(thread.passes.load(), 40);
+}
+
 std::atomic<int> bareRuns{0};
 
 // Stops nothing in its destructor: the base destructor is what ends it.
