@@ -9,6 +9,7 @@
 
 #include "http/InternetErrors.h"
 #include "http/WinInetTable.h"
+#include "platform/Platform.h"
 
 #include <algorithm>
 #include <chrono>
@@ -261,6 +262,7 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
   }
   if (!error) {
     char* block = new char[total];
+    platform::AdviseFreshBlock(block, total);
     char* position = block;
     for (std::size_t i = 0; i < segments.Size() && !error; ++i) {
       const RequestSegment& segment = segments[i];

@@ -44,6 +44,11 @@ int CloseFile(FileHandle* file);
 std::uint64_t FileSize(FileHandle* file);
 std::uint64_t FilePosition(FileHandle* file);
 
+// A block just allocated that is about to be filled from end to end, such as a request body read
+// from a file: where the system has large pages, it is asked to back the block with them, which
+// saves most of the page faults of the fill. Only a hint; small blocks are left alone.
+void AdviseFreshBlock(void* block, std::size_t size);
+
 // The system's 8-bit code page for code page 0: 65001 on Linux, the ANSI code page on Windows.
 unsigned SystemCodePage();
 // Conversions through the system for code pages the portable tables don't know. Return false if

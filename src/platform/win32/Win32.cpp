@@ -36,6 +36,9 @@ String LibraryFolder() {
 
 String WinInetModuleName() { return String(u"wininet.dll"); }
 
+// Large pages need a privilege that applications seldom hold: nothing to ask for here.
+void AdviseFreshBlock(void*, std::size_t) {}
+
 DWORD GetLastError() { return ::GetLastError(); }
 void SetLastError(DWORD code) { ::SetLastError(code); }
 void SetLastErrorSource(DWORD (*)()) {}
