@@ -256,7 +256,7 @@ Thread::~Thread() {
   if (running.load(std::memory_order_acquire)) {
     stopEvent->Set();
     // Not started yet, it never will be: the derived part that the body needs is gone.
-    if (ThreadPool::Instance().Withdraw(this)) SignalEnded();
+    if (lateStart.count() > 0 && ThreadPool::Instance().Withdraw(this)) SignalEnded();
   }
   AwaitStoppedRunning();
   if (ownsEvent) delete stopEvent;
@@ -281,7 +281,7 @@ void Thread::BlockingStopRunning() {
     stopEvent->Set();
     OnStop();
     // Stopped before its start fell due: the body runs here, once, and finds the stop signalled.
-    if (ThreadPool::Instance().Withdraw(this)) {
+    if (lateStart.count() > 0 && ThreadPool::Instance().Withdraw(this)) {
       RunBody();
       SignalEnded();
     }

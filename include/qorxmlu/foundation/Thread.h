@@ -55,7 +55,8 @@ protected:
   // Lets the body begin up to `grace` after StartRunning (0, the default: at once). A thread
   // stopped within that time costs no OS thread at all: BlockingStopRunning runs the body once,
   // on its own thread, with the stop event signalled. Meant for bodies that first wait on their
-  // stop event, such as watchdogs guarding something that usually ends quickly.
+  // stop event, such as watchdogs guarding something that usually ends quickly. Set it while the
+  // thread is not running (a derived constructor is the place).
   void AllowLateStart(std::chrono::microseconds grace) noexcept;
 
 private:
