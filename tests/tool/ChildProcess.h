@@ -2,6 +2,8 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -18,5 +20,17 @@ struct ChildRun {
 // it runs longer than timeoutSeconds.
 ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::string>& arguments,
                   const std::map<std::string, std::string>& extraEnvironment = {}, int timeoutSeconds = 120);
+
+// For both platforms' RunChild: the text a child wrote into `path`, which is then removed.
+inline std::string ReadAndRemove(const std::filesystem::path& path) {
+  std::string text;
+  {
+    std::ifstream in(path, std::ios::binary);
+    text.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  std::error_code ignored;
+  std::filesystem::remove(path, ignored);
+  return text;
+}
 
 } // namespace QOR::test

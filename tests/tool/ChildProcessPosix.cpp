@@ -14,20 +14,6 @@ extern char** environ;
 
 namespace QOR::test {
 
-namespace {
-
-std::string ReadAndRemove(const std::filesystem::path& path) {
-  std::string text;
-  {
-    std::ifstream in(path, std::ios::binary);
-    text.assign(std::istreambuf_iterator<char>(in), {});
-  }
-  std::filesystem::remove(path);
-  return text;
-}
-
-} // namespace
-
 ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::string>& arguments,
                   const std::map<std::string, std::string>& extraEnvironment, int timeoutSeconds) {
   static int runs = 0;

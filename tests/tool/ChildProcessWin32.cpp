@@ -43,17 +43,6 @@ HANDLE InheritableFile(const std::filesystem::path& path, DWORD access, DWORD di
                      FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-std::string ReadAndRemove(const std::filesystem::path& path) {
-  std::string text;
-  {
-    std::ifstream in(path, std::ios::binary);
-    text.assign(std::istreambuf_iterator<char>(in), {});
-  }
-  std::error_code ignored;
-  std::filesystem::remove(path, ignored);
-  return text;
-}
-
 } // namespace
 
 ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::string>& arguments,
