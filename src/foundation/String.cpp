@@ -79,6 +79,12 @@ String::String(const wchar_t* text) {
   }
 }
 
+String::String(const char* utf8) : String(utf8 ? FromUtf8(utf8) : String()) {}
+String::String(const std::string& utf8) : String(FromUtf8(utf8)) {}
+String::String(std::string_view utf8) : String(FromUtf8(utf8)) {}
+
+String& String::operator=(const char* utf8) { return *this = String(utf8); }
+
 String String::FromUtf8(std::string_view utf8) { return DecodeFromUTF8(utf8.data(), utf8.size(), false); }
 
 std::string String::ToUtf8() const {

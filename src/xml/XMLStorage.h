@@ -12,9 +12,81 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 namespace QOR::detail {
+
+// One text of a tag (a name, a value, an attribute's name or value): units of its own on the
+// heap, or units borrowed from the storage of the document that holds the tag.
+class TagText {
+public:
+  TagText() noexcept = default;
+  TagText(const TagText&) = delete;
+  TagText& operator=(const TagText&) = delete;
+  TagText(TagText&& other) noexcept : units(other.units), length(other.length) {
+    other.units = nullptr;
+    other.length = 0;
+  }
+  TagText& operator=(TagText&& other) noexcept {
+    if (this != &other) {
+      Release();
+      units = other.units;
+      length = other.length;
+      other.units = nullptr;
+      other.length = 0;
+    }
+    return *this;
+  }
+  ~TagText() { Release(); }
+
+  std::u16string_view View() const noexcept { return {units, length & ~ownedBit}; }
+  bool IsEmpty() const noexcept { return (length & ~ownedBit) == 0; }
+  bool Owned() const noexcept { return (length & ownedBit) != 0; }
+  // Holds a heap copy of text.
+  void Assign(std::u16string_view text);
+  // Points at units that outlive this text; nothing is copied.
+  void Borrow(std::u16string_view text) noexcept;
+
+private:
+  void Release() noexcept;
+
+  static constexpr std::size_t ownedBit = std::size_t(1) << (sizeof(std::size_t) * 8 - 1);
+  const char16_t* units = nullptr;
+  std::size_t length = 0; // the top bit marks units of its own
+};
+
+// The nested tags of one tag, in document order. Never shared. The block is the list's own on the
+// heap, or lent by the document's storage (a read or copied tree), used in place while it has
+// room.
+class TagList {
+public:
+  TagList() noexcept = default;
+  TagList(const TagList&) = delete;
+  TagList& operator=(const TagList&) = delete;
+  ~TagList() { Clear(); }
+
+  std::size_t Size() const noexcept { return count; }
+  XMLTag* operator[](std::size_t index) const noexcept { return items[index]; }
+
+  // An index at or beyond the end appends.
+  void Insert(XMLTag* tag, std::size_t index);
+  void Add(XMLTag* tag) {
+    if (count < (capacity & ~lentBit)) items[count++] = tag;
+    else Insert(tag, count);
+  }
+  void Remove(std::size_t index) noexcept;
+  // Empties the list and gives up its block; the tags are the caller's.
+  void Clear() noexcept;
+  // Empties the list and takes a lent block with room for room tags.
+  void Lend(XMLTag** block, std::size_t room);
+
+private:
+  static constexpr std::uint32_t lentBit = 0x80000000u;
+  XMLTag** items = nullptr;
+  std::uint32_t count = 0;
+  std::uint32_t capacity = 0; // room in items; the top bit marks a lent block
+};
 
 class XMLArena {
 public:

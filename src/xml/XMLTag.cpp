@@ -12,48 +12,49 @@
 
 namespace QOR {
 
+using detail::Node;
 using detail::XMLAttrBlock;
 using detail::XMLAttrEntry;
+using detail::XMLNode;
 
-std::unique_ptr<XMLTag> XMLTag::Make(XMLTag* owner, String tagName) {
-  std::unique_ptr<XMLTag> tag(new XMLTag(owner));
-  tag->name.Assign(tagName.View());
+std::unique_ptr<XMLTag> XMLNode::Make(XMLTag* owner, String tagName) {
+  std::unique_ptr<XMLTag> tag(new XMLNode(owner));
+  Node(*tag).name.Assign(tagName.View());
   return tag;
 }
 
-std::unique_ptr<XMLTag> XMLTag::Make(XMLTag* owner, String tagName, String tagValue) {
+std::unique_ptr<XMLTag> XMLNode::Make(XMLTag* owner, String tagName, String tagValue) {
   std::unique_ptr<XMLTag> tag = Make(owner, std::move(tagName));
-  tag->value.Assign(tagValue.TrimAll().View());
+  Node(*tag).value.Assign(tagValue.TrimAll().View());
   return tag;
 }
 
-std::unique_ptr<XMLTag> XMLTag::Make(XMLTag* owner, String tagName, String tagValue, String attrName,
+std::unique_ptr<XMLTag> XMLNode::Make(XMLTag* owner, String tagName, String tagValue, String attrName,
                                      String attrValue) {
   std::unique_ptr<XMLTag> tag = Make(owner, std::move(tagName), std::move(tagValue));
   tag->AddAttr(std::move(attrName), std::move(attrValue));
   return tag;
 }
 
-XMLTag::~XMLTag() {
-  DestroyNestedTags();
-  DropAttributes();
-}
+// A tag's fields die with its node: see the destroying delete below.
+XMLTag::~XMLTag() = default;
 
 void XMLTag::operator delete(XMLTag* tag, std::destroying_delete_t) {
   if (!tag) return;
-  const bool onHeap = !tag->inStorage;
-  tag->~XMLTag();
-  if (onHeap) ::operator delete(tag);
+  XMLNode* node = &Node(*tag);
+  const bool onHeap = !node->inStorage;
+  node->~XMLNode();
+  if (onHeap) ::operator delete(node);
 }
 
-void XMLTag::DestroyNestedTags() noexcept {
+void XMLNode::DestroyNestedTags() noexcept {
   // The tags still to be destroyed form one list, in document order, threaded through their parent
   // pointers, which nothing needs any more. A tag's nested tags take its place at the head of the
   // list before it is destroyed, so the tags go in the order in which a read made them.
-  auto takeNested = [](XMLTag& owner, XMLTag* rest) {
+  auto takeNested = [](XMLNode& owner, XMLTag* rest) {
     const detail::TagList& nested = owner.nestedTags;
     for (std::size_t i = nested.Size(); i-- > 0;) {
-      nested[i]->parent = rest;
+      Node(*nested[i]).parent = rest;
       rest = nested[i];
     }
     owner.nestedTags.Clear();
@@ -62,17 +63,17 @@ void XMLTag::DestroyNestedTags() noexcept {
   XMLTag* next = takeNested(*this, nullptr);
   while (next) {
     XMLTag* tag = next;
-    next = takeNested(*tag, tag->parent);
+    next = takeNested(Node(*tag), Node(*tag).parent);
     delete tag;
   }
 }
 
-void XMLTag::DropAttributes() noexcept {
+void XMLNode::DropAttributes() noexcept {
   XMLAttrBlock::Release(attributes);
   attributes = nullptr;
 }
 
-XMLAttrBlock& XMLTag::OwnAttributes(bool adding) {
+XMLAttrBlock& XMLNode::OwnAttributes(bool adding) {
   const std::size_t count = attributes ? attributes->count : 0;
   const bool shared = attributes && attributes->holders.load(std::memory_order_acquire) != 1;
   if (attributes && !shared && (!adding || count < attributes->capacity)) return *attributes;
@@ -99,12 +100,13 @@ XMLAttrBlock& XMLTag::OwnAttributes(bool adding) {
   return *own;
 }
 
-XMLTag* XMLTag::CopyTag(const XMLTag& source, XMLTag* owner, detail::XMLArena* tags) {
-  auto copyFields = [tags](const XMLTag& from, XMLTag* to) {
+XMLTag* XMLNode::CopyTag(const XMLTag& sourceTag, XMLTag* owner, detail::XMLArena* tags) {
+  auto copyFields = [tags](const XMLNode& from, XMLTag* to) {
     // Nested tags of a document copy live in its arena and borrow what the source borrows; the
     // top tag and tags copied on their own hold texts of their own.
     const bool borrow = tags && to;
-    std::unique_ptr<XMLTag> tag(borrow ? detail::XMLTagAccess::MakeIn(*tags, to) : new XMLTag(to));
+    std::unique_ptr<XMLTag> made(borrow ? detail::XMLTagAccess::MakeIn(*tags, to) : new XMLNode(to));
+    XMLNode* tag = &Node(*made);
     auto copyText = [borrow](const detail::TagText& text, detail::TagText& into) {
       if (borrow && !text.Owned()) into.Borrow(text.View());
       else into.Assign(text.View());
@@ -122,27 +124,28 @@ XMLTag* XMLTag::CopyTag(const XMLTag& source, XMLTag* owner, detail::XMLArena* t
     if (tags && nested) {
       tag->nestedTags.Lend(static_cast<XMLTag**>(tags->Allocate(nested * sizeof(XMLTag*))), nested);
     }
-    return tag.release();
+    return made.release();
   };
+  const XMLNode& source = Node(sourceTag);
   XMLTag* root = copyFields(source, owner);
   try {
     // The copy of a tag is complete when it has as many nested tags as its source, so the copy's
     // own count says which nested tag of the source comes next: no stack is needed.
-    const XMLTag* from = &source;
-    XMLTag* to = root;
+    const XMLNode* from = &source;
+    XMLNode* to = &Node(*root);
     for (;;) {
       const std::size_t next = to->nestedTags.Size();
       if (next < from->nestedTags.Size()) {
-        const XMLTag* child = from->nestedTags[next];
+        const XMLNode* child = &Node(*from->nestedTags[next]);
         std::unique_ptr<XMLTag> copy(copyFields(*child, to));
         to->nestedTags.Add(copy.get());
-        to = copy.release();
+        to = &Node(*copy.release());
         from = child;
         continue;
       }
       if (to == root) break;
-      from = from->parent;
-      to = to->parent;
+      from = &Node(*from->parent);
+      to = &Node(*to->parent);
     }
   } catch (...) {
     delete root;
@@ -151,46 +154,62 @@ XMLTag* XMLTag::CopyTag(const XMLTag& source, XMLTag* owner, detail::XMLArena* t
   return root;
 }
 
+// ---- The public operations: each works on the node behind the tag. --------------------------
+
+String XMLTag::GetName() const { return String(Node(*this).name.View()); }
+String XMLTag::GetValue() const { return String(Node(*this).value.View()); }
+String XMLTag::GetComment() const { return Node(*this).comment ? *Node(*this).comment : String(); }
+
+std::size_t XMLTag::NoOfNestedTags() const { return Node(*this).nestedTags.Size(); }
+
 XMLTag* XMLTag::GetNestedTag(std::size_t index) const {
-  return index < nestedTags.Size() ? nestedTags[index] : nullptr;
+  const detail::TagList& nested = Node(*this).nestedTags;
+  return index < nested.Size() ? nested[index] : nullptr;
 }
 
+void XMLTag::SetName(String text) { Node(*this).name.Assign(text.View()); }
+void XMLTag::SetValue(String text) { Node(*this).value.Assign(text.View()); }
+
 void XMLTag::AddComment(String text) {
+  std::unique_ptr<String>& comment = Node(*this).comment;
   if (comment) *comment = std::move(text);
   else comment = std::make_unique<String>(std::move(text));
 }
 
-std::size_t XMLTag::NoOfAttributes() const { return attributes ? attributes->count : 0; }
+std::size_t XMLTag::NoOfAttributes() const {
+  const XMLAttrBlock* attributes = Node(*this).attributes;
+  return attributes ? attributes->count : 0;
+}
 
 String XMLTag::GetAttrName(std::size_t index) const {
-  return index < NoOfAttributes() ? String(attributes->Entries()[index].name.View()) : String();
+  return index < NoOfAttributes() ? String(Node(*this).attributes->Entries()[index].name.View()) : String();
 }
 
 String XMLTag::GetAttrVal(std::size_t index) const {
-  return index < NoOfAttributes() ? String(attributes->Entries()[index].value.View()) : String();
+  return index < NoOfAttributes() ? String(Node(*this).attributes->Entries()[index].value.View()) : String();
 }
 
 XMLTag* XMLTag::AddAttr(String attrName, String attrValue) {
   detail::TagText attrNameText, attrValueText;
   attrNameText.Assign(attrName.View());
   attrValueText.Assign(attrValue.View());
-  XMLAttrEntry& entry = OwnAttributes(true).Append();
+  XMLAttrEntry& entry = Node(*this).OwnAttributes(true).Append();
   entry.name = std::move(attrNameText);
   entry.value = std::move(attrValueText);
   return this;
 }
 
 void XMLTag::SetAttrName(std::size_t index, String text) {
-  if (index < NoOfAttributes()) OwnAttributes(false).Entries()[index].name.Assign(text.View());
+  if (index < NoOfAttributes()) Node(*this).OwnAttributes(false).Entries()[index].name.Assign(text.View());
 }
 
 void XMLTag::SetAttrValue(std::size_t index, String text) {
-  if (index < NoOfAttributes()) OwnAttributes(false).Entries()[index].value.Assign(text.View());
+  if (index < NoOfAttributes()) Node(*this).OwnAttributes(false).Entries()[index].value.Assign(text.View());
 }
 
 void XMLTag::RemoveAttr(std::size_t index) {
   if (index >= NoOfAttributes()) return;
-  XMLAttrBlock& own = OwnAttributes(false);
+  XMLAttrBlock& own = Node(*this).OwnAttributes(false);
   XMLAttrEntry* entries = own.Entries();
   for (std::size_t i = index; i + 1 < own.count; ++i) {
     entries[i].name = std::move(entries[i + 1].name);
@@ -199,37 +218,42 @@ void XMLTag::RemoveAttr(std::size_t index) {
   entries[--own.count].~XMLAttrEntry();
 }
 
-void XMLTag::operator>>(bool& flag) const { flag = value.View() == u"yes"; }
+void XMLTag::operator>>(int& number) const { GetValue() >> number; }
+void XMLTag::operator>>(unsigned int& number) const { GetValue() >> number; }
+void XMLTag::operator>>(long& number) const { GetValue() >> number; }
+void XMLTag::operator>>(double& number) const { GetValue() >> number; }
+void XMLTag::operator>>(String& text) const { text = GetValue(); }
+void XMLTag::operator>>(bool& flag) const { flag = Node(*this).value.View() == u"yes"; }
 
-void XMLTag::operator<<(const int& number) {
+namespace {
+
+template <class Number> void SetNumber(XMLTag& tag, Number number) {
   String text;
   text << number;
-  value.Assign(text.View());
+  Node(tag).value.Assign(text.View());
 }
 
-void XMLTag::operator<<(const unsigned int& number) {
-  String text;
-  text << number;
-  value.Assign(text.View());
-}
+} // namespace
 
-void XMLTag::operator<<(const long& number) {
-  String text;
-  text << number;
-  value.Assign(text.View());
-}
+void XMLTag::operator<<(const int& number) { SetNumber(*this, number); }
+void XMLTag::operator<<(const unsigned int& number) { SetNumber(*this, number); }
+void XMLTag::operator<<(const long& number) { SetNumber(*this, number); }
 
 void XMLTag::operator<<(const double& number) {
   String text;
   text << trunczero << whole(1) << dec(15) << number;
-  value.Assign(text.View());
+  Node(*this).value.Assign(text.View());
 }
 
-void XMLTag::operator<<(const bool& flag) { value.Assign(flag ? u"yes" : u"no"); }
+void XMLTag::operator<<(const String& text) { Node(*this).value.Assign(text.View()); }
+void XMLTag::operator<<(const wchar_t* text) { Node(*this).value.Assign(String(text).View()); }
+void XMLTag::operator<<(const char16_t* text) { Node(*this).value.Assign(String(text).View()); }
+void XMLTag::operator<<(const char* utf8) { Node(*this).value.Assign(String(utf8).View()); }
+void XMLTag::operator<<(const bool& flag) { Node(*this).value.Assign(flag ? u"yes" : u"no"); }
 
 XMLTag* XMLTag::NestTag(String tagName, String tagValue, String attrName, String attrValue) {
-  std::unique_ptr<XMLTag> tag = Make(this, std::move(tagName), std::move(tagValue));
-  nestedTags.Add(tag.get());
+  std::unique_ptr<XMLTag> tag = XMLNode::Make(this, std::move(tagName), std::move(tagValue));
+  Node(*this).nestedTags.Add(tag.get());
   XMLTag* added = tag.release();
   if (!attrName.IsEmpty()) added->AddAttr(std::move(attrName), std::move(attrValue));
   return added;
@@ -243,24 +267,26 @@ XMLTag* XMLTag::NestTag(String tagName) { return NestTag(std::move(tagName), Str
 
 XMLTag* XMLTag::NestTag(XMLTag* source) {
   if (!source) return nullptr;
-  std::unique_ptr<XMLTag> copy(CopyTag(*source, this, nullptr));
-  nestedTags.Add(copy.get());
+  std::unique_ptr<XMLTag> copy(XMLNode::CopyTag(*source, this, nullptr));
+  Node(*this).nestedTags.Add(copy.get());
   return copy.release();
 }
 
 XMLTag* XMLTag::NestTagBeforeIndex(String tagName, std::size_t index) {
-  if (index == nestedTags.Size()) return NestTag(std::move(tagName));
-  std::unique_ptr<XMLTag> tag = Make(this, std::move(tagName));
-  nestedTags.Insert(tag.get(), index);
+  detail::TagList& nested = Node(*this).nestedTags;
+  if (index == nested.Size()) return NestTag(std::move(tagName));
+  std::unique_ptr<XMLTag> tag = XMLNode::Make(this, std::move(tagName));
+  nested.Insert(tag.get(), index);
   return tag.release();
 }
 
 namespace {
 
 template <class Hit>
-XMLTag* FindFirst(const detail::TagList& tags, std::size_t* index, Hit isHit) {
+XMLTag* FindFirst(const XMLTag& owner, std::size_t* index, Hit isHit) {
+  const detail::TagList& tags = Node(owner).nestedTags;
   for (std::size_t i = 0; i < tags.Size(); ++i) {
-    if (isHit(*tags[i])) {
+    if (isHit(Node(*tags[i]))) {
       if (index) *index = i;
       return tags[i];
     }
@@ -271,15 +297,15 @@ XMLTag* FindFirst(const detail::TagList& tags, std::size_t* index, Hit isHit) {
 } // namespace
 
 XMLTag* XMLTag::FindNestedTag(String tagName, std::size_t* index) const {
-  return FindFirst(nestedTags, index, [&](const XMLTag& tag) { return tag.name.View() == tagName.View(); });
+  return FindFirst(*this, index, [&](const XMLNode& tag) { return tag.name.View() == tagName.View(); });
 }
 
 XMLTag* XMLTag::FindNestedTagOnValue(String tagValue, std::size_t* index) const {
-  return FindFirst(nestedTags, index, [&](const XMLTag& tag) { return tag.value.View() == tagValue.View(); });
+  return FindFirst(*this, index, [&](const XMLNode& tag) { return tag.value.View() == tagValue.View(); });
 }
 
 XMLTag* XMLTag::FindNestedTagOnAttrValue(String attrValue, int attrIndex, std::size_t* index) const {
-  return FindFirst(nestedTags, index, [&](const XMLTag& tag) {
+  return FindFirst(*this, index, [&](const XMLNode& tag) {
     // A tag without that attribute position is no hit.
     return attrIndex >= 0 && static_cast<std::size_t>(attrIndex) < tag.NoOfAttributes() &&
            tag.attributes->Entries()[attrIndex].value.View() == attrValue.View();
@@ -290,17 +316,17 @@ bool XMLTag::IsParentOf(XMLTag* tag) const {
   if (!tag) return false;
   // Depth first, with the walk's position kept on the heap.
   struct Step {
-    const XMLTag* owner;
+    const XMLNode* owner;
     std::size_t next;
   };
-  std::vector<Step> path{{this, 0}};
+  std::vector<Step> path{{&Node(*this), 0}};
   while (!path.empty()) {
     Step& step = path.back();
     if (step.next == step.owner->nestedTags.Size()) {
       path.pop_back();
       continue;
     }
-    const XMLTag* nested = step.owner->nestedTags[step.next++];
+    const XMLNode* nested = &Node(*step.owner->nestedTags[step.next++]);
     if (nested == tag) return true;
     if (nested->nestedTags.Size() != 0) path.push_back({nested, 0});
   }
@@ -310,27 +336,30 @@ bool XMLTag::IsParentOf(XMLTag* tag) const {
 bool XMLTag::IsChildOf(XMLTag*) const { return true; }
 
 void XMLTag::MoveNestedTag(std::size_t from, std::size_t to) {
-  if (from >= nestedTags.Size()) return;
-  XMLTag* moving = nestedTags[from];
-  nestedTags.Remove(from);
+  detail::TagList& nested = Node(*this).nestedTags;
+  if (from >= nested.Size()) return;
+  XMLTag* moving = nested[from];
+  nested.Remove(from);
   if (to > from) --to;
-  nestedTags.Insert(moving, to);
+  nested.Insert(moving, to);
 }
 
 void XMLTag::ReplaceNestedTag(std::size_t from, std::size_t to) {
-  const std::size_t count = nestedTags.Size();
+  detail::TagList& nested = Node(*this).nestedTags;
+  const std::size_t count = nested.Size();
   if (from >= count || to >= count || from == to) return;
-  XMLTag* moving = nestedTags[from];
-  nestedTags.Remove(from);
+  XMLTag* moving = nested[from];
+  nested.Remove(from);
   if (to > from) --to;
-  delete nestedTags[to];
-  nestedTags.Remove(to);
-  nestedTags.Insert(moving, to);
+  delete nested[to];
+  nested.Remove(to);
+  nested.Insert(moving, to);
 }
 
 void XMLTag::Remove() {
-  if (parent) {
-    detail::TagList& siblings = parent->nestedTags;
+  XMLNode& self = Node(*this);
+  if (self.parent) {
+    detail::TagList& siblings = Node(*self.parent).nestedTags;
     for (std::size_t i = 0; i < siblings.Size(); ++i) {
       if (siblings[i] == this) {
         siblings.Remove(i);
@@ -340,8 +369,8 @@ void XMLTag::Remove() {
     delete this;
     return;
   }
-  DestroyNestedTags();
-  DropAttributes(); // gives up a shared list without copying its entries
+  self.DestroyNestedTags();
+  self.DropAttributes(); // gives up a shared list without copying its entries
 }
 
 } // namespace QOR

@@ -10,46 +10,82 @@
 
 namespace QOR::detail {
 
+// What a tag holds. Every XMLTag is an XMLNode, made only here; the public class holds nothing.
+struct XMLNode final : XMLTag {
+  explicit XMLNode(XMLTag* owner) noexcept : parent(owner) {}
+  ~XMLNode() {
+    DestroyNestedTags();
+    DropAttributes();
+  }
+
+  // Destroys every tag below this one, leaving nestedTags empty.
+  void DestroyNestedTags() noexcept;
+  // Gives up the attribute list.
+  void DropAttributes() noexcept;
+  // Makes the attribute list this tag's own, with room for one more when adding.
+  XMLAttrBlock& OwnAttributes(bool adding);
+  // A new tag on the heap: name, then value trimmed, then one attribute, as far as given.
+  static std::unique_ptr<XMLTag> Make(XMLTag* owner, String tagName);
+  static std::unique_ptr<XMLTag> Make(XMLTag* owner, String tagName, String tagValue);
+  static std::unique_ptr<XMLTag> Make(XMLTag* owner, String tagName, String tagValue, String attrName,
+                                      String attrValue);
+  // A deep copy of source under owner. With tags given, the nested tags are made there and share
+  // texts and attribute lists with source, and a top tag copy holds texts of its own; without,
+  // the copy borrows nothing and shares only attribute lists that own their texts.
+  static XMLTag* CopyTag(const XMLTag& source, XMLTag* owner, XMLArena* tags);
+
+  XMLTag* parent;
+  TagText name;
+  TagText value;
+  std::unique_ptr<String> comment;    // few tags have one: held apart, null for none
+  XMLAttrBlock* attributes = nullptr; // shared copy-on-write; null for none
+  TagList nestedTags;
+  bool inStorage = false; // made in the document's storage, not on the heap
+};
+
+inline XMLNode& Node(XMLTag& tag) noexcept { return static_cast<XMLNode&>(tag); }
+inline const XMLNode& Node(const XMLTag& tag) noexcept { return static_cast<const XMLNode&>(tag); }
+
 class XMLTagAccess {
 public:
-  static XMLTag* Make(XMLTag* parent) { return new XMLTag(parent); }
-  static XMLTag* Make(XMLTag* parent, String name) { return XMLTag::Make(parent, std::move(name)).release(); }
+  static XMLTag* Make(XMLTag* parent) { return new XMLNode(parent); }
+  static XMLTag* Make(XMLTag* parent, String name) { return XMLNode::Make(parent, std::move(name)).release(); }
   static XMLTag* Make(XMLTag* parent, String name, String value) {
-    return XMLTag::Make(parent, std::move(name), std::move(value)).release();
+    return XMLNode::Make(parent, std::move(name), std::move(value)).release();
   }
   static XMLTag* Make(XMLTag* parent, String name, String value, String attrName, String attrValue) {
-    return XMLTag::Make(parent, std::move(name), std::move(value), std::move(attrName), std::move(attrValue))
+    return XMLNode::Make(parent, std::move(name), std::move(value), std::move(attrName), std::move(attrValue))
         .release();
   }
   // An empty tag in the arena; delete destroys it without freeing its room.
   static XMLTag* MakeIn(XMLArena& tags, XMLTag* parent) {
-    auto* tag = new (tags.Allocate(sizeof(XMLTag))) XMLTag(parent);
+    auto* tag = new (tags.Allocate(sizeof(XMLNode))) XMLNode(parent);
     tag->inStorage = true;
     return tag;
   }
   // A copy of source's whole tree under a new top tag of its own. The nested tags go into tags,
   // and share texts and attribute lists with source; so the copy must hold the text arena that
   // source's tree borrows from.
-  static XMLTag* CopyDocument(const XMLTag& source, XMLArena& tags) { return XMLTag::CopyTag(source, nullptr, &tags); }
+  static XMLTag* CopyDocument(const XMLTag& source, XMLArena& tags) { return XMLNode::CopyTag(source, nullptr, &tags); }
   // A copy of source under parent that borrows nothing.
-  static XMLTag* Copy(const XMLTag& source, XMLTag* parent) { return XMLTag::CopyTag(source, parent, nullptr); }
+  static XMLTag* Copy(const XMLTag& source, XMLTag* parent) { return XMLNode::CopyTag(source, parent, nullptr); }
 
-  static XMLTag* Parent(const XMLTag& tag) { return tag.parent; }
-  static const TagText& Name(const XMLTag& tag) { return tag.name; }
-  static const TagText& Value(const XMLTag& tag) { return tag.value; }
+  static XMLTag* Parent(const XMLTag& tag) { return Node(tag).parent; }
+  static const TagText& Name(const XMLTag& tag) { return Node(tag).name; }
+  static const TagText& Value(const XMLTag& tag) { return Node(tag).value; }
   static std::u16string_view Comment(const XMLTag& tag) {
-    return tag.comment ? tag.comment->View() : std::u16string_view();
+    return Node(tag).comment ? Node(tag).comment->View() : std::u16string_view();
   }
-  static const XMLAttrBlock* Attributes(const XMLTag& tag) { return tag.attributes; }
-  static const TagList& NestedTags(const XMLTag& tag) { return tag.nestedTags; }
+  static const XMLAttrBlock* Attributes(const XMLTag& tag) { return Node(tag).attributes; }
+  static const TagList& NestedTags(const XMLTag& tag) { return Node(tag).nestedTags; }
 
-  static TagText& Name(XMLTag& tag) { return tag.name; }
-  static TagText& Value(XMLTag& tag) { return tag.value; }
-  static TagList& NestedTags(XMLTag& tag) { return tag.nestedTags; }
+  static TagText& Name(XMLTag& tag) { return Node(tag).name; }
+  static TagText& Value(XMLTag& tag) { return Node(tag).value; }
+  static TagList& NestedTags(XMLTag& tag) { return Node(tag).nestedTags; }
   // Gives the tag this block in place of its attribute list; the tag takes over the caller's hold.
   static void SetAttributes(XMLTag& tag, XMLAttrBlock* block) noexcept {
-    tag.DropAttributes();
-    tag.attributes = block;
+    Node(tag).DropAttributes();
+    Node(tag).attributes = block;
   }
 };
 

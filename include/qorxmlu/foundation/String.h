@@ -1,5 +1,9 @@
 // Text of 16-bit code units (UTF-16) with value semantics.
 //
+// Text comes in as 16-bit units (u"..."), wchar_t text (L"...") or UTF-8 ("...", std::string,
+// std::string_view); ToUtf8 gives UTF-8 back. The inline operations below reach only the standard
+// library and the exported operations of this class.
+//
 // Lengths, positions and [] count 16-bit units on every platform. Appends (+=, <<) cost amortised
 // constant time per unit. Comparison is exact, unit by unit (case matters).
 //
@@ -90,6 +94,11 @@ public:
   String(std::u16string text) noexcept : units(std::move(text)) {}
   // wchar_t text: UTF-16 where wchar_t has 16 bits (Windows), UTF-32 elsewhere.
   String(const wchar_t* text);
+  // UTF-8 text, as "..." literals and std::string hold it, decoded as FromUtf8 does. A null
+  // pointer gives an empty text.
+  String(const char* utf8);
+  String(const std::string& utf8);
+  String(std::string_view utf8);
 
   // UTF-8 in and out; invalid input decodes to U+FFFD per bad sequence, an unpaired surrogate
   // encodes to U+FFFD.
@@ -101,6 +110,7 @@ public:
   // Replace the text, as the constructors of the same argument do.
   String& operator=(const char16_t* text);
   String& operator=(const wchar_t* text);
+  String& operator=(const char* utf8);
 
   // Exact comparison, unit by unit; a null pointer compares as an empty text.
   friend bool operator==(const String& a, const String& b) noexcept { return a.units == b.units; }
@@ -114,6 +124,7 @@ public:
   String& operator+=(std::u16string_view text) { units += text; return *this; }
   String& operator+=(const char16_t* text) { if (text) units += text; return *this; }
   String& operator+=(char16_t unit) { units += unit; return *this; }
+  String& operator+=(const char* utf8) { return *this += String(utf8); }
   friend String operator+(String a, const String& b) { a += b; return a; }
   friend String operator+(String a, const char16_t* b) { a += b; return a; }
   friend String operator+(const char16_t* a, const String& b) { String r(a); r += b; return r; }
@@ -151,6 +162,7 @@ public:
   String& operator<<(const String& text) { return *this += text; }
   String& operator<<(const char16_t* text) { return *this += text; }
   String& operator<<(const wchar_t* text) { return *this += String(text); }
+  String& operator<<(const char* utf8) { return *this += String(utf8); }
   String& operator<<(int number);
   String& operator<<(unsigned int number);
   String& operator<<(long number);

@@ -10,6 +10,9 @@
 // Every walk over a tree (copy, search, destruction) runs in a loop, so depth never exhausts the
 // stack.
 //
+// The class holds no data and has no inline operation: what a tag holds lives in the library, so
+// the layout of a tree can change without touching a host.
+//
 // Indices of the attribute operations, MoveNestedTag and ReplaceNestedTag are limits for the
 // caller. One out of range is passed over (a Get gives an empty text), but nothing else about it
 // is promised.
@@ -32,78 +35,7 @@ class XMLTag;
 namespace detail {
 class XMLTagAccess;
 class XMLArena;
-struct XMLAttrBlock;
-
-// One text of a tag (a name, a value, an attribute's name or value): units of its own on the
-// heap, or units borrowed from the storage of the document that holds the tag.
-class TagText {
-public:
-  TagText() noexcept = default;
-  TagText(const TagText&) = delete;
-  TagText& operator=(const TagText&) = delete;
-  TagText(TagText&& other) noexcept : units(other.units), length(other.length) {
-    other.units = nullptr;
-    other.length = 0;
-  }
-  TagText& operator=(TagText&& other) noexcept {
-    if (this != &other) {
-      Release();
-      units = other.units;
-      length = other.length;
-      other.units = nullptr;
-      other.length = 0;
-    }
-    return *this;
-  }
-  ~TagText() { Release(); }
-
-  std::u16string_view View() const noexcept { return {units, length & ~ownedBit}; }
-  bool IsEmpty() const noexcept { return (length & ~ownedBit) == 0; }
-  bool Owned() const noexcept { return (length & ownedBit) != 0; }
-  // Holds a heap copy of text.
-  void Assign(std::u16string_view text);
-  // Points at units that outlive this text; nothing is copied.
-  void Borrow(std::u16string_view text) noexcept;
-
-private:
-  void Release() noexcept;
-
-  static constexpr std::size_t ownedBit = std::size_t(1) << (sizeof(std::size_t) * 8 - 1);
-  const char16_t* units = nullptr;
-  std::size_t length = 0; // the top bit marks units of its own
-};
-
-// The nested tags of one tag, in document order. Never shared. The block is the list's own on the
-// heap, or lent by the document's storage (a read or copied tree), used in place while it has
-// room.
-class TagList {
-public:
-  TagList() noexcept = default;
-  TagList(const TagList&) = delete;
-  TagList& operator=(const TagList&) = delete;
-  ~TagList() { Clear(); }
-
-  std::size_t Size() const noexcept { return count; }
-  XMLTag* operator[](std::size_t index) const noexcept { return items[index]; }
-
-  // An index at or beyond the end appends.
-  void Insert(XMLTag* tag, std::size_t index);
-  void Add(XMLTag* tag) {
-    if (count < (capacity & ~lentBit)) items[count++] = tag;
-    else Insert(tag, count);
-  }
-  void Remove(std::size_t index) noexcept;
-  // Empties the list and gives up its block; the tags are the caller's.
-  void Clear() noexcept;
-  // Empties the list and takes a lent block with room for room tags.
-  void Lend(XMLTag** block, std::size_t room);
-
-private:
-  static constexpr std::uint32_t lentBit = 0x80000000u;
-  XMLTag** items = nullptr;
-  std::uint32_t count = 0;
-  std::uint32_t capacity = 0; // room in items; the top bit marks a lent block
-};
+struct XMLNode;
 } // namespace detail
 
 class QORXMLU_API XMLTag {
@@ -118,13 +50,13 @@ public:
   void operator delete(XMLTag* tag, std::destroying_delete_t);
 
   // Copies of the fields.
-  String GetName() const { return String(name.View()); }
-  String GetValue() const { return String(value.View()); }
-  String GetComment() const { return comment ? *comment : String(); }
+  String GetName() const;
+  String GetValue() const;
+  String GetComment() const;
 
   // The number of attributes and of direct nested tags.
   std::size_t NoOfAttributes() const;
-  std::size_t NoOfNestedTags() const { return nestedTags.Size(); }
+  std::size_t NoOfNestedTags() const;
   // The name or value of the attribute at that position (below NoOfAttributes()).
   String GetAttrName(std::size_t index) const;
   String GetAttrVal(std::size_t index) const;
@@ -132,8 +64,8 @@ public:
   XMLTag* GetNestedTag(std::size_t index) const;
 
   // Assign the field as given, with no trimming.
-  void SetName(String text) { name.Assign(text.View()); }
-  void SetValue(String text) { value.Assign(text.View()); }
+  void SetName(String text);
+  void SetValue(String text);
   // Sets the tag's one comment; a second call replaces the first.
   void AddComment(String text);
 
@@ -147,11 +79,11 @@ public:
 
   // Convert the value into the argument; the value stays as it is. A value that is no number
   // leaves the argument alone.
-  void operator>>(int& number) const { GetValue() >> number; }
-  void operator>>(unsigned int& number) const { GetValue() >> number; }
-  void operator>>(long& number) const { GetValue() >> number; }
-  void operator>>(double& number) const { GetValue() >> number; }
-  void operator>>(String& text) const { text = GetValue(); }
+  void operator>>(int& number) const;
+  void operator>>(unsigned int& number) const;
+  void operator>>(long& number) const;
+  void operator>>(double& number) const;
+  void operator>>(String& text) const;
   // True only when the value is the word "yes".
   void operator>>(bool& flag) const;
 
@@ -162,14 +94,13 @@ public:
   // Replaces the value with the number: at least one whole digit, up to 15 decimals, no trailing
   // zeros.
   void operator<<(const double& number);
-  // Replace the value with the text, untrimmed.
-  void operator<<(const String& text) { value.Assign(text.View()); }
-  void operator<<(const wchar_t* text) { value.Assign(String(text).View()); }
-  void operator<<(const char16_t* text) { value.Assign(String(text).View()); }
+  // Replace the value with the text, untrimmed: 16-bit text, wchar_t text, or UTF-8.
+  void operator<<(const String& text);
+  void operator<<(const wchar_t* text);
+  void operator<<(const char16_t* text);
+  void operator<<(const char* utf8);
   // Replaces the value with "yes" or "no".
   void operator<<(const bool& flag);
-  // 8-bit text would silently become a bool: say which text type is meant.
-  void operator<<(const char* text) = delete;
 
   // Appends a new tag with the name and the value (trimmed), and an attribute if attrName is not
   // empty. Returns the new tag.
@@ -209,39 +140,15 @@ public:
 
 private:
   friend class detail::XMLTagAccess;
+  friend struct detail::XMLNode;
 
-  // Construction cannot fail, so a tag never needs freeing half made; the fields are filled in
-  // afterwards.
-  explicit XMLTag(XMLTag* owner) noexcept : parent(owner) {}
+  // Only the library makes tags; what a tag holds lives in the library's own node type.
+  XMLTag() noexcept = default;
+  // The allocation functions of that node type: inline, and they reach only the global ones.
   static void* operator new(std::size_t size) { return ::operator new(size); }
   static void* operator new(std::size_t, void* room) noexcept { return room; }
-  // The partners of the two above, for a construction that fails (none does).
   static void operator delete(void* room) noexcept { ::operator delete(room); }
   static void operator delete(void*, void*) noexcept {}
-  // A new tag on the heap: name, then value trimmed, then one attribute, as far as given.
-  static std::unique_ptr<XMLTag> Make(XMLTag* owner, String tagName);
-  static std::unique_ptr<XMLTag> Make(XMLTag* owner, String tagName, String tagValue);
-  static std::unique_ptr<XMLTag> Make(XMLTag* owner, String tagName, String tagValue, String attrName,
-                                      String attrValue);
-
-  // Destroys every tag below this one, leaving nestedTags empty.
-  void DestroyNestedTags() noexcept;
-  // A deep copy of source under owner. With tags given, the nested tags are made there and share
-  // texts and attribute lists with source, and a top tag copy holds texts of its own; without,
-  // the copy borrows nothing and shares only attribute lists that own their texts.
-  static XMLTag* CopyTag(const XMLTag& source, XMLTag* owner, detail::XMLArena* tags);
-  // Gives up the attribute list.
-  void DropAttributes() noexcept;
-  // Makes the attribute list this tag's own, with room for one more when adding.
-  detail::XMLAttrBlock& OwnAttributes(bool adding);
-
-  XMLTag* parent;
-  detail::TagText name;
-  detail::TagText value;
-  std::unique_ptr<String> comment;         // few tags have one: held apart, null for none
-  detail::XMLAttrBlock* attributes = nullptr; // shared copy-on-write; null for none
-  detail::TagList nestedTags;
-  bool inStorage = false; // made in the document's storage, not on the heap
 };
 
 } // namespace QOR
