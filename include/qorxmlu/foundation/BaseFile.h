@@ -40,11 +40,11 @@ public:
   // Size in bytes of the open file (0 if none is open).
   std::uint64_t GetFileSize() const;
   // Closes the file; an error if closing lost data. Closing a closed file does nothing.
-  ErrorInfo* Close();
+  [[nodiscard]] ErrorInfo* Close();
 
 protected:
   // The error for a failed operation on this file: "<what> '<path>': <system reason>".
-  ErrorInfo* FileError(const char* what, int systemError) const;
+  [[nodiscard]] ErrorInfo* FileError(const char* what, int systemError) const;
 
   String path;
   platform::FileHandle* handle = nullptr;

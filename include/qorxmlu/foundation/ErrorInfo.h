@@ -1,11 +1,16 @@
 // Error records: an operation that can fail returns ErrorInfo*, null for success.
 //
 // A record lives on the heap and belongs to whoever receives it, who deletes it or hands it on.
-// Records join into a chain with SafeConcat; deleting the first deletes the whole chain.
+// Records join into a chain with SafeConcat; deleting the first deletes the whole chain. Every
+// operation that hands one out is [[nodiscard]]; ErrorPtr owns one for a scope:
+//
+//   if (QOR::ErrorPtr error{doc.Write("settings.xml")}) std::puts(error->FullText().ToUtf8().c_str());
 #pragma once
 
 #include <qorxmlu/Export.h>
 #include <qorxmlu/foundation/String.h>
+
+#include <memory>
 
 namespace QOR {
 
@@ -21,7 +26,7 @@ public:
   // This record's own text.
   const String& Text() const noexcept { return text; }
   // The next record of the chain, or null.
-  ErrorInfo* Next() const noexcept { return next; }
+  [[nodiscard]] ErrorInfo* Next() const noexcept { return next; }
   // Every text of the chain, in order, joined by separator.
   String FullText(const String& separator = String(u"; ")) const;
 
@@ -32,12 +37,15 @@ private:
 };
 
 // A new record with that text.
-QORXMLU_API ErrorInfo* MakeError(String text);
+[[nodiscard]] QORXMLU_API ErrorInfo* MakeError(String text);
 // A new record whose text is prefix followed by text.
-QORXMLU_API ErrorInfo* MakeError(String prefix, String text);
+[[nodiscard]] QORXMLU_API ErrorInfo* MakeError(String prefix, String text);
 // A new record whose text is text followed by the number in decimal ("Soap error: " 5 -> "Soap error: 5").
-QORXMLU_API ErrorInfo* MakeError(String text, int number);
+[[nodiscard]] QORXMLU_API ErrorInfo* MakeError(String text, int number);
 // Takes over both and returns one chain, first's records before second's; null only if both are.
-QORXMLU_API ErrorInfo* SafeConcat(ErrorInfo* first, ErrorInfo* second);
+[[nodiscard]] QORXMLU_API ErrorInfo* SafeConcat(ErrorInfo* first, ErrorInfo* second);
+
+// Owns an error record (and the chain behind it) and deletes it at the end of its scope.
+using ErrorPtr = std::unique_ptr<ErrorInfo>;
 
 } // namespace QOR

@@ -16,7 +16,7 @@ public:
 
   // Writes text in the encoding bom names and empties it; commit true waits until the bytes are
   // on stable storage.
-  ErrorInfo* FlushFile(bool commit, BOM bom);
+  [[nodiscard]] ErrorInfo* FlushFile(bool commit, BOM bom);
 
   // What the next FlushFile writes.
   String text;

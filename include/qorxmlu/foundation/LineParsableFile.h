@@ -21,14 +21,14 @@ public:
   ~LineParsableFile() override;
 
   // Opens the file (see ReadableFile::Open).
-  ErrorInfo* Open();
+  [[nodiscard]] ErrorInfo* Open();
   // Puts the next line into line and returns 1, or returns 0 at the end. A read failure sets error
   // (the call then returns 0). maxLength, when not 0, is the longest line taken, in 16-bit units:
   // a longer line sets error "Line too long in file '<path>'" and ends the reading.
   int NextLine(String& line, ErrorInfo*& error, std::size_t maxLength = 0);
 
 private:
-  ErrorInfo* Refill();
+  [[nodiscard]] ErrorInfo* Refill();
   void TakeEncoding();
 
   struct Reader;

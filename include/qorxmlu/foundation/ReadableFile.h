@@ -12,10 +12,10 @@ public:
   explicit ReadableFile(String path) : BaseFile(std::move(path)) {}
 
   // Opens for reading; fails if the file isn't there or can't be read.
-  ErrorInfo* Open();
+  [[nodiscard]] ErrorInfo* Open();
   // Reads size bytes into buffer. With bytesRead null, fewer bytes than asked is an error
   // ("Unexpected end of file"); otherwise the count read goes there and 0 means the end.
-  ErrorInfo* ReadFile(void* buffer, std::size_t size, std::size_t* bytesRead = nullptr);
+  [[nodiscard]] ErrorInfo* ReadFile(void* buffer, std::size_t size, std::size_t* bytesRead = nullptr);
 };
 
 } // namespace QOR

@@ -33,7 +33,7 @@ public:
 
   // Starts the body on a pooled thread. Fails with an error if the thread is running already or
   // no OS thread could be had.
-  virtual ErrorInfo* StartRunning();
+  [[nodiscard]] virtual ErrorInfo* StartRunning();
   // Called by BlockingStopRunning after the stop event is signalled, before the wait.
   virtual void OnStop() {}
 
@@ -51,7 +51,7 @@ public:
 
 protected:
   // Runs on the pooled thread. Set finished to true to end; return an error to have it logged.
-  virtual ErrorInfo* ThreadBody(bool& finished) = 0;
+  [[nodiscard]] virtual ErrorInfo* ThreadBody(bool& finished) = 0;
   // Lets the body begin up to `grace` after StartRunning (0, the default: at once). A thread
   // stopped within that time costs no OS thread at all: BlockingStopRunning runs the body once,
   // on its own thread, with the stop event signalled. Meant for bodies that first wait on their

@@ -13,11 +13,11 @@ public:
 
   // Opens for writing: append true writes behind what the file holds, false starts the file anew.
   // The file is made if it doesn't exist; other readers and writers are not shut out.
-  ErrorInfo* Open(bool append);
+  [[nodiscard]] ErrorInfo* Open(bool append);
   // Writes all size bytes.
-  ErrorInfo* Write(const void* data, std::size_t size);
+  [[nodiscard]] ErrorInfo* Write(const void* data, std::size_t size);
   // Hands what was written to the system; commit true also waits until it is on stable storage.
-  ErrorInfo* Flush(bool commit);
+  [[nodiscard]] ErrorInfo* Flush(bool commit);
   // Bytes in the file now.
   std::uint64_t Position() const;
 };

@@ -41,24 +41,24 @@ public:
   // Stores the progress counters that GetBytesTransferred reads.
   void UpdateBytesTransferred(std::size_t transferred, std::size_t total) override;
   // Builds the multipart body of the form and the upload file, and empties the form.
-  ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) override;
+  [[nodiscard]] ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) override;
 
   // Posts the form to url (behind the url prefix) and puts the reply, decoded from UTF-8, into
   // reply. On failure reply is untouched.
-  virtual ErrorInfo* Retrieve(String url, String& reply);
+  [[nodiscard]] virtual ErrorInfo* Retrieve(String url, String& reply);
   // Posts the form to url and decodes the reply as Base64 into a new block (array new, owned by
   // the caller). blockSize is the first reply buffer and its growth step; 0 reads the reply as
   // text and drops it. On failure buffer and length are untouched.
-  virtual ErrorInfo* RetrieveBase64(DWORD blockSize, String url, char*& buffer, std::size_t& length);
+  [[nodiscard]] virtual ErrorInfo* RetrieveBase64(DWORD blockSize, String url, char*& buffer, std::size_t& length);
   // Cancels the running request from another thread: marks it cancelled and closes its handle.
-  virtual ErrorInfo* CancelRequest();
+  [[nodiscard]] virtual ErrorInfo* CancelRequest();
   // True after a cancellation, or after a failed request, until the next request starts.
   virtual bool RequestCancelled();
 
   // Loads WinInet (libqorinet on Linux) for all clients of the process.
-  static ErrorInfo* InitialiseHttp();
+  [[nodiscard]] static ErrorInfo* InitialiseHttp();
   // Unloads WinInet; always null. Does nothing if it is not loaded.
-  static ErrorInfo* TerminateHttp();
+  [[nodiscard]] static ErrorInfo* TerminateHttp();
 
   // Replaces the text put before every url (it does not append).
   void AddUrlPrefix(String prefix);
@@ -75,10 +75,10 @@ private:
     char* data;
   };
 
-  ErrorInfo* DoRetrieve(String& reply, DWORD blockSize, String url, char*& buffer, std::size_t& length);
-  ErrorInfo* SendPost(String url);
-  ErrorInfo* EnsureConnected();
-  ErrorInfo* DropConnection();
+  [[nodiscard]] ErrorInfo* DoRetrieve(String& reply, DWORD blockSize, String url, char*& buffer, std::size_t& length);
+  [[nodiscard]] ErrorInfo* SendPost(String url);
+  [[nodiscard]] ErrorInfo* EnsureConnected();
+  [[nodiscard]] ErrorInfo* DropConnection();
   void AddTextSegment(String text);
   void ReleaseSegments();
 

@@ -32,7 +32,7 @@ public:
   virtual void UpdateBytesTransferred(std::size_t transferred, std::size_t total) = 0;
   // Builds the whole request body for the boundary into a new block (array new) that the caller
   // owns. On failure buffer is null and length 0.
-  virtual ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) = 0;
+  [[nodiscard]] virtual ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) = 0;
 
   // Adds a field to the form of the next request.
   void AddFormField(String name, String value);

@@ -23,22 +23,22 @@ public:
   virtual ~HttpClientImpInterface() = default;
 
   // Opens the session and the connection to the owner's server.
-  virtual ErrorInfo* Connect() = 0;
+  [[nodiscard]] virtual ErrorInfo* Connect() = 0;
   // Closes the request, the connection and the session, and joins their errors.
-  virtual ErrorInfo* Disconnect() = 0;
+  [[nodiscard]] virtual ErrorInfo* Disconnect() = 0;
   // Has the owner build the request body, after freeing the previous one.
-  virtual ErrorInfo* FetchRequestBuffer() = 0;
+  [[nodiscard]] virtual ErrorInfo* FetchRequestBuffer() = 0;
   // Posts the body to url (a path on the server): open, headers, body, end.
-  virtual ErrorInfo* SendRequest(String url) = 0;
+  [[nodiscard]] virtual ErrorInfo* SendRequest(String url) = 0;
   // Reads the reply as Base64 text, first in blockSize bytes and growing by as many, and gives
   // the decoded bytes in a new block (array new) that the caller owns.
-  virtual ErrorInfo* ReadBase64Reply(DWORD blockSize, char*& buffer, std::size_t& length) = 0;
+  [[nodiscard]] virtual ErrorInfo* ReadBase64Reply(DWORD blockSize, char*& buffer, std::size_t& length) = 0;
   // Reads the reply as UTF-8 text into reply; reply is untouched on failure.
-  virtual ErrorInfo* ReadReply(String& reply) = 0;
+  [[nodiscard]] virtual ErrorInfo* ReadReply(String& reply) = 0;
   // Closes the request handle and waits until it is closed.
-  virtual ErrorInfo* CloseRequest() = 0;
+  [[nodiscard]] virtual ErrorInfo* CloseRequest() = 0;
   // Marks the request cancelled and closes its handle; for any thread.
-  virtual ErrorInfo* CancelRequest() = 0;
+  [[nodiscard]] virtual ErrorInfo* CancelRequest() = 0;
   // True after CancelRequest, until the next Connect or SendRequest; for any thread.
   virtual bool RequestCancelled() = 0;
 };

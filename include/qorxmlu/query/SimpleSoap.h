@@ -42,7 +42,7 @@ public:
   // Posts the parameters and the upload on client (not null) and parses the reply into this
   // document, or saves it to the result file. Null on success; otherwise the error of the
   // request, of the reader or of the file, and the document stays as it was.
-  virtual ErrorInfo* RunQuery(HttpClient* client);
+  [[nodiscard]] virtual ErrorInfo* RunQuery(HttpClient* client);
 
   // The URL as given to the constructor.
   String GetUrl() const;

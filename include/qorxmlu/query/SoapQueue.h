@@ -44,7 +44,7 @@ public:
 
   protected:
     // Runs queries until the stop event is set; returns null.
-    ErrorInfo* ThreadBody(bool& finished) override;
+    [[nodiscard]] ErrorInfo* ThreadBody(bool& finished) override;
 
   private:
     SoapQueue* owner;
@@ -59,17 +59,17 @@ public:
 
   // Runs the queries on client, which stays the host's and must outlive the worker. Starts the
   // worker; an error if it can't start. A stopped queue may be started again.
-  ErrorInfo* StartRunning(HttpClient* client);
+  [[nodiscard]] ErrorInfo* StartRunning(HttpClient* client);
   // Waits for the query being run, ends the worker and wakes the callers still queued with an
   // error. Always null.
-  ErrorInfo* StopRunning();
+  [[nodiscard]] ErrorInfo* StopRunning();
   // True while the worker runs.
   bool Running() const;
 
   // Runs soap's query (which must be there) through the queue and blocks until it is judged.
   // Null on success; otherwise the error of the request, of the reader, of the reply's status
   // tags, or of a stop. The reply stays in the query either way. Not for the worker thread.
-  ErrorInfo* AddBlockingSoap(SafeItem<SimpleSoap> soap);
+  [[nodiscard]] ErrorInfo* AddBlockingSoap(SafeItem<SimpleSoap> soap);
   // Cancels the request of the query being run for a blocked caller, who then gets the error of
   // the cancellation. Does nothing if none is running; queued queries are not touched.
   void CancelCallbackRequest();

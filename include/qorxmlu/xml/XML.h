@@ -41,21 +41,21 @@ public:
   // Compares the "Version" attribute of the top tag (1 if there is none) with the application's
   // version; version receives it either way. An error names software and asks for an upgrade when
   // the document is newer. The second text is accepted and not used.
-  ErrorInfo* CheckVersion(String software, String unused, int& version);
+  [[nodiscard]] ErrorInfo* CheckVersion(String software, String unused, int& version);
 
   // Replace the document's content with the one read from the text or from the file at path; null
   // on success. The old nested tags and attributes are gone even when reading fails; what was read
   // completely before a failure stays. The top tag keeps its comment, and its value if the text
   // gives it none.
-  ErrorInfo* ReadText(String text);
-  ErrorInfo* ReadFile(String path);
+  [[nodiscard]] ErrorInfo* ReadText(String text);
+  [[nodiscard]] ErrorInfo* ReadFile(String path);
 
   // The whole document as text, lines ending in CR LF and indented by tabs.
   String GetText() const;
   // Appends the document's text to the file object's buffer; the caller flushes and closes.
   void Write(FormatableTextFile& file) const;
   // Writes the document to the file at path as UTF-8; null on success.
-  ErrorInfo* Write(String path) const;
+  [[nodiscard]] ErrorInfo* Write(String path) const;
 
 private:
   // Destroys the top tag's content and lets go of the storage that its nested tags lived in.
