@@ -106,7 +106,9 @@ ErrorInfo* HttpClient::DoRetrieve(String& reply, DWORD blockSize, String url, ch
   // The watchdog: cancels the request when requestTimeout has run out since its start.
   class LocalThread : public Thread {
   public:
-    explicit LocalThread(HttpClient* client) : Thread("LocalThread", new Event(true), false), client(client) {
+    explicit LocalThread(HttpClient* client)
+        : Thread("LocalThread", new Event(true), false), client(client),
+          due(std::chrono::steady_clock::now() + std::chrono::milliseconds(client->requestTimeout)) {
       // Most requests end well within this: their watchdog then never needs a thread of its own.
       AllowLateStart(std::chrono::milliseconds(1));
     }
@@ -114,13 +116,21 @@ ErrorInfo* HttpClient::DoRetrieve(String& reply, DWORD blockSize, String url, ch
 
   protected:
     ErrorInfo* ThreadBody(bool& finished) override {
-      if (WaitOnStop(*this, client->requestTimeout) == -1) delete client->CancelRequest();
+      // The limit counts from the request's start, not from the late start of this thread, so the
+      // watchdog is due before any single wait of the request runs out.
+      std::uint32_t left = client->requestTimeout;
+      if (WaitTime(left) != -1) {
+        auto rest = std::chrono::ceil<std::chrono::milliseconds>(due - std::chrono::steady_clock::now()).count();
+        left = rest > 0 ? static_cast<std::uint32_t>(rest) : 0;
+      }
+      if (WaitOnStop(*this, left) == -1) delete client->CancelRequest();
       finished = true;
       return nullptr;
     }
 
   private:
     HttpClient* client;
+    std::chrono::steady_clock::time_point due;
   };
 
   ErrorInfo* error = nullptr;

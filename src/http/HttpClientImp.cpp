@@ -25,6 +25,9 @@ namespace {
 // watches for it that long before it sleeps.
 constexpr std::chrono::microseconds completionWatch(50);
 
+// How long a step that ran out of time still waits for the watchdog's cancel.
+constexpr DWORD watchdogTieGrace = 25;
+
 int WaitForCompletion(SVArray<Event*, Event*>& events, int milliseconds) {
   return detail::WaitOnEventsWatching(events, milliseconds, completionWatch);
 }
@@ -338,6 +341,9 @@ ErrorInfo* HttpClientImp::AwaitCompletion(Step step, ::DWORD code, bool examineA
   const StepWords& words = stepWords[static_cast<int>(step)];
   if (code != errorIoPending) return MakeInternetError(words.immediate, code);
   int result = WaitFor(target->completedEvent, owner->requestTimeout);
+  // The request's watchdog is due no later than this wait: let it win a tie, so that a request
+  // too slow in all ends by its cancel, which completes the call.
+  if (result == -1) result = WaitFor(target->completedEvent, watchdogTieGrace);
   ErrorInfo* error = nullptr;
   if (result == -1 || result == -2) {
     if (stillPending) *stillPending = true;
@@ -355,6 +361,7 @@ ErrorInfo* HttpClientImp::AwaitCompletion(Step step, ::DWORD code, bool examineA
 }
 
 ErrorInfo* HttpClientImp::Connect() {
+  if (!winInet.InternetOpenW) return MakeError(String(u"HTTP is not initialised: call HttpClient::InitialiseHttp first"));
   target->connectedEvent.Reset();
   target->completedEvent.Reset();
   target->closedEvent.Reset();

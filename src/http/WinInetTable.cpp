@@ -84,7 +84,8 @@ void UnloadWinInet() {
   if (!winInet.module) return;
   platform::SetLastErrorSource(nullptr);
   moduleLoader->release(winInet.module);
-  winInet.module = nullptr;
+  // Empty again, so that a request after TerminateHttp fails as one before InitialiseHttp does.
+  winInet = WinInetTable();
 }
 
 } // namespace QOR

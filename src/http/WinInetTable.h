@@ -1,8 +1,8 @@
 // The process-wide table of WinInet's entry points, filled by LoadWinInet.
 //
 // The engine makes every WinInet call through this table. There is no lock: the table is written
-// only by LoadWinInet and UnloadWinInet, while no request runs, and only read otherwise. After
-// UnloadWinInet the pointers keep their old values and must not be called.
+// only by LoadWinInet and UnloadWinInet, while no request runs, and only read otherwise. Before
+// LoadWinInet and after UnloadWinInet every pointer is null.
 #pragma once
 
 #include <qorxmlu/foundation/ErrorInfo.h>

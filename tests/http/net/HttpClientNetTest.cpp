@@ -47,8 +47,17 @@ public:
     std::lock_guard<std::mutex> hold(lock);
     percents.push_back(percent);
   }
+  // Records the thread of every cancel, the watchdog's included.
+  ErrorInfo* CancelRequest() override {
+    {
+      std::lock_guard<std::mutex> hold(lock);
+      cancellers.push_back(std::this_thread::get_id());
+    }
+    return HttpClient::CancelRequest();
+  }
   std::mutex lock;
   std::vector<int> percents;
+  std::vector<std::thread::id> cancellers;
 };
 
 class HttpClientNetTest : public testing::Test {
@@ -182,21 +191,37 @@ TEST_F(HttpClientNetTest, ConnectionIsReusedAndRemadeAfterFailure) {
   if (!test::RunningUnderWine()) EXPECT_NE(third, second) << "a new session makes a new connection";
 }
 
-TEST_F(HttpClientNetTest, WatchdogEndsASlowRequest) {
-  // Each read gets its 10 bytes within 100 ms; the six of them take longer than the limit.
-  auto client = Client("trickle");
-  client->requestTimeout = 350;
-  client->transferBlockSize = 10;
-  auto start = std::chrono::steady_clock::now();
-  std::string reply;
-  std::string error = Retrieve(*client, u"/x", reply);
-  EXPECT_TRUE(client->RequestCancelled());
-  if (test::RunningUnderWine()) {
-    // The read in progress still completes there; the next one finds the handle closed.
-    EXPECT_NE(error, "");
-  } else {
-    EXPECT_EQ(error, "Error reading requested data: OPERATION CANCELLED");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+TEST_F(HttpClientNetTest, WatchdogEndsASlowRequestThroughTheClientsCancel) {
+  // Each piece comes well within the limit, but the whole takes longer: the reply's 10-byte reads
+  // of trickle, or the headers of slowhead, which make one wait that starts with the request.
+  struct {
+    const char* role;
+    DWORD limit;
+    const char* words;
+  } rows[] = {{"trickle", 350, "Error reading requested data: OPERATION CANCELLED"},
+              {"slowhead", 60, "Error ending http request: OPERATION CANCELLED"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.role);
+    auto client = Client(row.role);
+    client->requestTimeout = row.limit;
+    client->transferBlockSize = 10;
+    auto start = std::chrono::steady_clock::now();
+    std::string reply;
+    std::string error = Retrieve(*client, u"/doc", reply);
+    EXPECT_TRUE(client->RequestCancelled());
+    {
+      // The derived client's own CancelRequest, from the watchdog's thread.
+      std::lock_guard<std::mutex> hold(client->lock);
+      ASSERT_FALSE(client->cancellers.empty());
+      EXPECT_NE(client->cancellers.front(), std::this_thread::get_id());
+    }
+    if (test::RunningUnderWine()) {
+      // The call in progress still completes there; the next one finds the handle closed.
+      EXPECT_NE(error, "");
+    } else {
+      EXPECT_EQ(error, row.words);
+      EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    }
   }
 }
 
