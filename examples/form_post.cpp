@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 using namespace QOR;
 
@@ -32,9 +33,8 @@ std::filesystem::path MakeSampleFile(std::uintmax_t size) {
   return path;
 }
 
-int Fail(ErrorInfo* error) {
+int Fail(ErrorPtr error) {
   std::fprintf(stderr, "failed: %s\n", error->FullText().ToUtf8().c_str());
-  delete error;
   return 1;
 }
 
@@ -45,24 +45,25 @@ int main(int argc, char** argv) {
   bool generated = argc <= 2;
   std::filesystem::path file = generated ? MakeSampleFile(8u << 20) : std::filesystem::path(argv[2]);
 
-  if (ErrorInfo* error = HttpClient::InitialiseHttp()) return Fail(error);
+  if (ErrorPtr error{HttpClient::InitialiseHttp()}) return Fail(std::move(error));
   int status = 0;
   {
-    ProgressClient client(String(u"form-post-example/1.0"), String::FromUtf8(server), false, 10, 60);
-    client.AddFormField(String(u"comment"), String(u"Grüße aus dem Beispiel"));
-    client.SetUploadFile(String(file.u16string()), String(u"userfile"));
-    // Progress: a figure every 100 ms, paced to reach 100 after about 2 s at the earliest.
-    client.progressTotal = std::filesystem::file_size(file);
+    ProgressClient client("form-post-example/1.0", server, false, 10, 60);
+    client.AddFormField("comment", "Grüße aus dem Beispiel");
+    client.SetUploadFile(file.u16string(), "userfile");
+    // Progress: a figure every 100 ms, paced by the body's size to reach 100 after about 2 s at
+    // the earliest.
+    client.progressTotal = client.FormBodySize();
     client.progressDuration = 2000;
     client.progressInterval = 100;
 
     String reply;
-    if (ErrorInfo* error = client.Retrieve(String(u"upload"), reply))
-      status = Fail(error);
+    if (ErrorPtr error{client.Retrieve("upload", reply)})
+      status = Fail(std::move(error));
     else
       std::printf("%s", reply.ToUtf8().c_str());
   }
-  HttpClient::TerminateHttp();
+  ErrorPtr unloaded{HttpClient::TerminateHttp()};
   if (generated) std::filesystem::remove(file);
   return status;
 }

@@ -17,15 +17,14 @@ std::mutex printLock;
 
 void Ask(SoapQueue& queue, int worker) {
   for (int i = 0; i < 3; ++i) {
-    SafeItem<SimpleSoap> query(new SimpleSoap(String(u"service/echo"), worker * 10 + i, String(u"demo")));
-    query.Get()->AddParameter(String(u"worker"), String::FromUtf8(std::to_string(worker)));
+    SafeItem<SimpleSoap> query(new SimpleSoap("service/echo", worker * 10 + i, "demo"));
+    query.Get()->AddParameter("worker", std::to_string(worker));
     // The last question of worker 2 asks the service to report error 7.
-    query.Get()->AddParameter(String(u"status"), String(worker == 2 && i == 2 ? u"7" : u"0"));
-    ErrorInfo* outcome = queue.AddBlockingSoap(query);
+    query.Get()->AddParameter("status", worker == 2 && i == 2 ? "7" : "0");
+    ErrorPtr outcome(queue.AddBlockingSoap(query));
     std::lock_guard<std::mutex> hold(printLock);
     if (outcome) {
       std::printf("worker %d, query %d: error: %s\n", worker, i, outcome->FullText().ToUtf8().c_str());
-      delete outcome;
     } else {
       std::printf("worker %d, query %d: ok, %zu tags in the reply\n", worker, i,
                   query.Get()->TopTag()->NoOfNestedTags());
@@ -37,26 +36,24 @@ void Ask(SoapQueue& queue, int worker) {
 
 int main(int argc, char** argv) {
   const char* server = argc > 1 ? argv[1] : "127.0.0.1:8080";
-  if (ErrorInfo* error = HttpClient::InitialiseHttp()) {
+  if (ErrorPtr error{HttpClient::InitialiseHttp()}) {
     std::fprintf(stderr, "%s\n", error->FullText().ToUtf8().c_str());
-    delete error;
     return 1;
   }
   int status = 0;
   {
-    HttpClient client(String(u"query-queue-example/1.0"), String::FromUtf8(server), false, 10, 30);
+    HttpClient client("query-queue-example/1.0", server, false, 10, 30);
     SoapQueue queue;
-    if (ErrorInfo* error = queue.StartRunning(&client)) {
+    if (ErrorPtr error{queue.StartRunning(&client)}) {
       std::fprintf(stderr, "%s\n", error->FullText().ToUtf8().c_str());
-      delete error;
       status = 1;
     } else {
       std::vector<std::thread> workers;
       for (int worker = 0; worker < 3; ++worker) workers.emplace_back(Ask, std::ref(queue), worker);
       for (auto& thread : workers) thread.join();
-      queue.StopRunning();
+      ErrorPtr stopped{queue.StopRunning()};
     }
   }
-  HttpClient::TerminateHttp();
+  ErrorPtr unloaded{HttpClient::TerminateHttp()};
   return status;
 }

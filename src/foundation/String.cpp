@@ -82,6 +82,9 @@ String::String(const wchar_t* text) {
 String::String(const char* utf8) : String(utf8 ? FromUtf8(utf8) : String()) {}
 String::String(const std::string& utf8) : String(FromUtf8(utf8)) {}
 String::String(std::string_view utf8) : String(FromUtf8(utf8)) {}
+String::String(const char8_t* utf8) : String(reinterpret_cast<const char*>(utf8)) {}
+String::String(std::u8string_view utf8)
+    : String(FromUtf8(std::string_view(reinterpret_cast<const char*>(utf8.data()), utf8.size()))) {}
 
 String& String::operator=(const char* utf8) { return *this = String(utf8); }
 

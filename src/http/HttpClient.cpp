@@ -7,6 +7,7 @@
 #include <qorxmlu/foundation/Utility.h>
 #include <qorxmlu/http/HttpClientImpInterface.h>
 
+#include "http/HttpClientImp.h"
 #include "http/InternetErrors.h"
 #include "http/WinInetTable.h"
 #include "platform/Platform.h"
@@ -162,19 +163,22 @@ ErrorInfo* HttpClient::SendPost(String url) {
   protected:
     ErrorInfo* ThreadBody(bool& finished) override {
       finished = false;
-      std::uint32_t ticks = progressDuration / std::max<std::uint32_t>(progressInterval, 1) + 1;
+      const std::uint32_t interval = std::max<std::uint32_t>(progressInterval, 1);
+      std::uint32_t ticks = progressDuration / interval + 1;
       std::uint64_t pace = progressTotal / ticks;
       lastPercent = 0;
       client->ReportProgress(0);
       std::uint64_t tick = 0;
       while (!finished) {
-        if (WaitOnStop(*this, progressInterval) == 0) finished = true;
+        if (WaitOnStop(*this, interval) == 0) finished = true;
         std::size_t total = 0;
         std::uint64_t transferred = client->GetBytesTransferred(total);
         ++tick;
         // Nothing to show until the engine has reported a body size.
         if (total == 0) continue;
-        std::uint64_t shown = std::min<std::uint64_t>(transferred, tick * pace);
+        // A total below one byte per step gives no pace: the figure then follows the bytes alone,
+        // rather than stay below 100 for good.
+        std::uint64_t shown = pace == 0 ? transferred : std::min<std::uint64_t>(transferred, tick * pace);
         int percent = static_cast<int>(static_cast<double>(shown) * 100.0 / static_cast<double>(total));
         if (percent > 100) percent = 100;
         if (percent > lastPercent) {
@@ -182,8 +186,7 @@ ErrorInfo* HttpClient::SendPost(String url) {
           client->ReportProgress(percent);
         }
         if (percent == 100) finished = true;
-        // A cancelled request, by the time limit too, ends the figure: below one byte per tick
-        // the pace is 0 and 100 would never come, leaving the caller waiting for it for good.
+        // A cancelled request, by the time limit too, ends the figure.
         if (client->RequestCancelled()) finished = true;
       }
       return nullptr;
@@ -217,6 +220,58 @@ ErrorInfo* HttpClient::SendPost(String url) {
   return error;
 }
 
+namespace {
+
+// The parts of a multipart body. The index of a field decides, not the number of parts written:
+// a first field without a value still makes the body start with a line end.
+String FieldPart(const String& boundary, std::size_t index, const String& name, const String& value) {
+  String part;
+  if (index != 0) part << newline;
+  part << u"--" << boundary << newline;
+  part << u"Content-Disposition: form-data; name=\"" << name << u"\"" << newline;
+  part << u"Content-Type: text/plain; charset=utf-8" << newline;
+  part << u"Content-Transfer-Encoding: 8bit" << newline << newline;
+  part << value;
+  return part;
+}
+
+String FileHead(const String& boundary, bool afterFields, const String& param, const String& path) {
+  String head;
+  if (afterFields) head << newline;
+  head << u"--" << boundary << newline;
+  head << u"Content-Disposition: form-data; name=\"" << param << u"\"; filename=\"" << RemoveLeadPath(path) << u"\""
+       << newline;
+  // The lines name Base64, but the bytes go as they are; receivers of the family expect that.
+  head << u"Content-Type: application/base64" << newline;
+  head << u"Content-Transfer-Encoding: Base64" << newline << newline;
+  return head;
+}
+
+String Closing(const String& boundary) {
+  String closing;
+  closing << newline << u"--" << boundary << u"--";
+  return closing;
+}
+
+std::uint64_t Utf8Size(const String& text) { return EncodeToUTF8(text, nullptr, false) - 1; }
+
+} // namespace
+
+std::uint64_t HttpClient::FormBodySize() const {
+  const String boundary(HttpClientImp::boundaryText);
+  std::uint64_t size = Utf8Size(Closing(boundary));
+  for (std::size_t i = 0; i < formNames.Size(); ++i) {
+    if (!formValues[i].IsEmpty()) size += Utf8Size(FieldPart(boundary, i, formNames[i], formValues[i]));
+  }
+  if (!uploadFile.IsEmpty()) {
+    ReadableFile file(uploadFile);
+    ErrorPtr error(file.Open());
+    if (error) return 0;
+    size += Utf8Size(FileHead(boundary, formNames.Size() != 0, uploadParam, uploadFile)) + file.GetFileSize();
+  }
+  return size;
+}
+
 // The body is built in one pass: the text parts are encoded into segments, the file part is
 // only sized, and then one block is filled, with the file read straight into its place.
 ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) {
@@ -225,17 +280,7 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
   const VArray<String>& names = formNames;
   const VArray<String>& values = formValues;
   for (std::size_t i = 0; i < names.Size(); ++i) {
-    if (values[i].IsEmpty()) continue;
-    String part;
-    // The index decides, not the number of parts written: a first field without a value
-    // still makes the body start with a line end.
-    if (i != 0) part << newline;
-    part << u"--" << boundary << newline;
-    part << u"Content-Disposition: form-data; name=\"" << names[i] << u"\"" << newline;
-    part << u"Content-Type: text/plain; charset=utf-8" << newline;
-    part << u"Content-Transfer-Encoding: 8bit" << newline << newline;
-    part << values[i];
-    AddTextSegment(std::move(part));
+    if (!values[i].IsEmpty()) AddTextSegment(FieldPart(boundary, i, names[i], values[i]));
   }
 
   String path = uploadFile;
@@ -244,15 +289,7 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
   ErrorInfo* error = nullptr;
   std::size_t fileSegment = SIZE_MAX;
   if (!path.IsEmpty()) {
-    String head;
-    if (names.Size() != 0) head << newline;
-    head << u"--" << boundary << newline;
-    head << u"Content-Disposition: form-data; name=\"" << param << u"\"; filename=\"" << RemoveLeadPath(path) << u"\""
-         << newline;
-    // The lines name Base64, but the bytes go as they are; receivers of the family expect that.
-    head << u"Content-Type: application/base64" << newline;
-    head << u"Content-Transfer-Encoding: Base64" << newline << newline;
-    AddTextSegment(std::move(head));
+    AddTextSegment(FileHead(boundary, names.Size() != 0, param, path));
     error = file.Open();
     if (!error) {
       fileSegment = segments.Size();
@@ -263,9 +300,7 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
 
   std::size_t total = 0;
   if (!error) {
-    String closing;
-    closing << newline << u"--" << boundary << u"--";
-    AddTextSegment(std::move(closing));
+    AddTextSegment(Closing(boundary));
     for (std::size_t i = 0; i < segments.Size(); ++i) total += segments[i].length;
     // Refused before the file is read into memory.
     if (total > largestTransfer) error = MakeError(String(bodyTooLarge));

@@ -93,7 +93,7 @@ TEST_F(WinInetTableTest, LoadUnloadAndLoadAgain) {
   EXPECT_NE(winInet.HttpAddRequestHeadersW, nullptr);
   UnloadWinInet();
   EXPECT_EQ(winInet.module, nullptr);
-  EXPECT_NE(winInet.InternetOpenW, nullptr) << "the pointers are not cleared";
+  EXPECT_EQ(winInet.InternetOpenW, nullptr) << "a request after the unload must find no table";
   UnloadWinInet();
   EXPECT_EQ(StandInModule::releases, 1);
   ASSERT_EQ(LoadWinInet(standInLoader), nullptr);

@@ -210,13 +210,13 @@ void Story::Upload() {
   std::mutex lock;
   std::vector<int> figures;
   bool drawBar = StderrIsTerminal();
-  client->WatchNextPost(size + 512, [&](int percent) {
+  client->AddFormField(u"purpose", u"demo upload");
+  client->SetUploadFile(QOR::String(path.u16string()), u"userfile");
+  client->WatchNextPost([&](int percent) {
     if (drawBar) DrawProgressBar(percent);
     std::lock_guard<std::mutex> hold(lock);
     figures.push_back(percent);
   });
-  client->AddFormField(u"purpose", u"demo upload");
-  client->SetUploadFile(QOR::String(path.u16string()), u"userfile");
   auto start = Clock::now();
   QOR::String reply;
   std::string error = TakeErrorText(client->Retrieve(u"demo/upload", reply));

@@ -36,9 +36,7 @@ bool FillForm(const PostOptions& options, ProgressClient& client) {
   }
   if (options.file.empty()) return true;
   client.SetUploadFile(Text(options.file), u"userfile");
-  std::error_code sizeError;
-  auto size = std::filesystem::file_size(options.file, sizeError);
-  if (!sizeError && StderrIsTerminal()) client.WatchNextPost(size + 512, DrawProgressBar);
+  if (StderrIsTerminal()) client.WatchNextPost(DrawProgressBar);
   return true;
 }
 

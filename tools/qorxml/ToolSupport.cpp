@@ -35,13 +35,13 @@ HttpSession::~HttpSession() {
   if (error.empty()) delete QOR::HttpClient::TerminateHttp();
 }
 
-void ProgressClient::WatchNextPost(std::uint64_t bodyBytes, std::function<void(int)> callback) {
+void ProgressClient::WatchNextPost(std::function<void(int)> callback) {
   onPercent = std::move(callback);
-  // 20 figures a second for at least a second: the figure never runs ahead of the bytes written,
-  // and the pace needs a total of at least one byte per step.
+  // 20 figures a second for at least a second, paced by the body that the form makes now; the
+  // figure never runs ahead of the bytes written.
   progressInterval = 50;
   progressDuration = 1000;
-  progressTotal = std::max<std::uint64_t>(bodyBytes, 64);
+  progressTotal = FormBodySize();
 }
 
 void ProgressClient::ReportProgress(int percent) {

@@ -51,8 +51,9 @@ class ProgressClient : public QOR::HttpClient {
 public:
   using QOR::HttpClient::HttpClient;
 
-  // Asks for progress figures on the next POST, paced for a body of about bodyBytes.
-  void WatchNextPost(std::uint64_t bodyBytes, std::function<void(int)> onPercent);
+  // Asks for progress figures on the next POST, paced by the body of the form as it stands: call
+  // it after the fields and the file are set.
+  void WatchNextPost(std::function<void(int)> onPercent);
   void ReportProgress(int percent) override;
 
 private:

@@ -1,7 +1,7 @@
 // Text of 16-bit code units (UTF-16) with value semantics.
 //
-// Text comes in as 16-bit units (u"..."), wchar_t text (L"...") or UTF-8 ("...", std::string,
-// std::string_view); ToUtf8 gives UTF-8 back. The inline operations below reach only the standard
+// Text comes in as 16-bit units (u"...", std::u16string), wchar_t text (L"...") or UTF-8 ("...",
+// u8"...", std::string, std::string_view); ToUtf8 gives UTF-8 back. The inline operations below reach only the standard
 // library and the exported operations of this class.
 //
 // Lengths, positions and [] count 16-bit units on every platform. Appends (+=, <<) cost amortised
@@ -99,6 +99,8 @@ public:
   String(const char* utf8);
   String(const std::string& utf8);
   String(std::string_view utf8);
+  String(const char8_t* utf8);
+  String(std::u8string_view utf8);
 
   // UTF-8 in and out; invalid input decodes to U+FFFD per bad sequence, an unpaired surrogate
   // encodes to U+FFFD.

@@ -43,6 +43,10 @@ public:
   // Builds the multipart body of the form and the upload file, and empties the form.
   [[nodiscard]] ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) override;
 
+  // The size in bytes of the body that the next request posts with the form and the upload file
+  // as they stand now: the figure for progressTotal. 0 if the upload file cannot be opened.
+  std::uint64_t FormBodySize() const;
+
   // Posts the form to url (behind the url prefix) and puts the reply, decoded from UTF-8, into
   // reply. On failure reply is untouched.
   [[nodiscard]] virtual ErrorInfo* Retrieve(String url, String& reply);

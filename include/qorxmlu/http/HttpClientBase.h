@@ -39,12 +39,20 @@ public:
   // Sends the file at path with the next request, as the form field param.
   void SetUploadFile(String path, String param);
 
-  // Non-zero asks for progress on the next POST and gives the byte count the progress figure is
-  // paced by. Set back to 0 by each POST that used it.
+  // Progress of the next POST. ReportProgress receives 0, then rising figures every
+  // progressInterval ms, never ahead of the body bytes written, and 100 before Retrieve goes on to
+  // read the reply. How to choose the three:
+  // - progressInterval: the milliseconds between two figures, above 0 (say 50 to 250).
+  // - progressDuration: the shortest time in ms from 0 to 100, at least progressInterval. The body
+  //   goes out in progressDuration / progressInterval chunks, so a fast upload still shows steps.
+  // - progressTotal: the body size in bytes (HttpClient::FormBodySize gives it), or more. With
+  //   progressTotal equal to the body, 100 comes after about progressDuration;
+  //   a larger figure shortens that down to the real transfer time, a smaller one stretches it in
+  //   proportion. Non-zero asks for progress; each POST that used it sets it back to 0.
+  // A progressTotal below progressDuration / progressInterval + 1 gives no pacing: the figure
+  // follows the bytes written. A progressInterval of 0 counts as 1.
   std::uint64_t progressTotal = 0;
-  // With progressInterval, the number of progress steps and of body chunks of that POST.
   std::int32_t progressDuration = 0;
-  // Milliseconds between two progress figures.
   std::int32_t progressInterval = 0;
   // The path of the current request: the url prefix followed by the caller's url.
   String requestUrl;

@@ -1,7 +1,7 @@
 #include <qorxmlu/foundation/ErrorInfo.h>
 #include <qorxmlu/foundation/String.h>
 
-#include "support/StringPrinter.h"
+#include "StringPrinter.h"
 
 #include <gtest/gtest.h>
 
@@ -133,7 +133,7 @@ TEST(ErrorInfoTest, LongChainIsDeletedWithoutRecursion) {
   ErrorInfo* last = chain;
   for (int i = 1; i < 200000; ++i) {
     ErrorInfo* next = MakeError(String(u"n"));
-    SafeConcat(last, next);
+    ASSERT_EQ(SafeConcat(last, next), last);
     last = next;
   }
   delete chain;

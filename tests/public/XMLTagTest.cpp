@@ -1,6 +1,6 @@
 #include <qorxmlu/xml/XML.h>
 
-#include "xml/XMLTestSupport.h"
+#include "XMLTestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -2,8 +2,8 @@
 // 1 MB of stack, so these also run there.
 #include <qorxmlu/xml/XML.h>
 
-#include "support/TempDir.h"
-#include "xml/XMLTestSupport.h"
+#include "TempDir.h"
+#include "XMLTestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #include <qorxmlu/foundation/FormatableTextFile.h>
 #include <qorxmlu/xml/XML.h>
 
-#include "support/TempDir.h"
-#include "xml/XMLTestSupport.h"
+#include "TempDir.h"
+#include "XMLTestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include <qorxmlu/xml/XML.h>
 
-#include "support/TempDir.h"
-#include "xml/XMLTestSupport.h"
+#include "TempDir.h"
+#include "XMLTestSupport.h"
 
 #include <gtest/gtest.h>
 

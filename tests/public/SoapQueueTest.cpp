@@ -134,7 +134,9 @@ TEST_F(SoapQueueTest, WaitsForStartAndRunsFirstInFirstOut) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(outcomes[i], "");
     EXPECT_EQ(soaps[i].Get()->TopTag()->FindNestedTag(u"Caller")->GetValue(), String::FromUtf8(std::to_string(i)));
-    if (i > 0) EXPECT_EQ(OrderOf(*soaps[i].Get()), OrderOf(*soaps[i - 1].Get()) + 1);
+    if (i > 0) {
+      EXPECT_EQ(OrderOf(*soaps[i].Get()), OrderOf(*soaps[i - 1].Get()) + 1);
+    }
   }
 }
 
@@ -256,7 +258,9 @@ TEST_F(SoapQueueTest, ManyCallersWithRandomCancellations) {
 
   EXPECT_EQ(returned, threads * perThread);
   EXPECT_GT(succeeded, 0);
-  if (!onWine) EXPECT_LT(succeeded, returned) << "no cancellation reached a request";
+  if (!onWine) {
+    EXPECT_LT(succeeded, returned) << "no cancellation reached a request";
+  }
   std::printf("[   NOTE   ] %d of %d queries cancelled\n", returned - succeeded, returned.load());
   std::set<int> seen;
   for (int t = 0; t < threads; ++t) {

@@ -3,7 +3,7 @@
 
 #include <qorxmlu/xml/XML.h>
 
-#include "support/StringPrinter.h"
+#include "StringPrinter.h"
 
 #include <initializer_list>
 #include <memory>
