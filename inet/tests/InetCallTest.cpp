@@ -211,20 +211,6 @@ TEST(InetCallTest, CallsOutOfOrderFailAtOnce) {
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_TYPE));
 }
 
-TEST(InetCallTest, RequestsOnOneConnectionHandleShareOneTcpConnection) {
-  LoopbackServer server;
-  server.Start();
-  InetDriver driver;
-  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
-  for (int i = 0; i < 20; ++i) {
-    std::string body = "request " + std::to_string(i);
-    std::string reply;
-    ASSERT_TRUE(driver.Post("/echo", body, reply).ok) << i;
-    EXPECT_EQ(reply, body);
-  }
-  EXPECT_EQ(server.Connections(), 1u);
-}
-
 // The descriptors registered in this process's epoll sets, from /proc/self/fdinfo.
 std::vector<std::string> EpollRegistrations() {
   std::vector<std::string> registered;

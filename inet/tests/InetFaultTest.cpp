@@ -15,12 +15,6 @@ using test::BlackHole;
 using test::RawConnection;
 using test::RawServer;
 
-// Reads one request with its body; false when the client went away.
-bool TakeRequest(RawConnection& connection) {
-  RawConnection::Head head;
-  return connection.ReadHead(head) && connection.ReadBody(head.contentLength) == head.contentLength;
-}
-
 // The step of a request at which a close from another thread comes.
 enum class Stuck { Connecting, Writing, Ending, Reading };
 
@@ -134,7 +128,7 @@ TEST(InetFaultTest, ResetsAreConnectionResetWhetherSendingOrReading) {
     connection.Reset();
   });
   RawServer replying([](RawConnection& connection) {
-    if (!TakeRequest(connection)) return;
+    if (!connection.ReadRequest()) return;
     connection.Send(RawServer::ResponseHead(200, "OK", 100000) + std::string(1000, 'r'));
     connection.Hold(milliseconds(100));
     connection.Reset();
@@ -161,7 +155,7 @@ TEST(InetFaultTest, FailureAfterTheBodyWasLentIsReportedNotResent) {
   // The first request is answered; the kept-alive connection then dies in the middle of the
   // second request's body.
   RawServer server([](RawConnection& connection) {
-    if (!TakeRequest(connection) || !connection.Send(RawServer::Response(200, "OK", "first"))) return;
+    if (!connection.ReadRequest() || !connection.Send(RawServer::Response(200, "OK", "first"))) return;
     RawConnection::Head head;
     if (connection.ReadHead(head)) connection.ReadBody(1000);
     connection.Reset();
@@ -196,7 +190,7 @@ TEST(InetFaultTest, ConnectTimeOutOptionEndsAConnectThatIsNeverAnswered) {
 
 TEST(InetFaultTest, ClosingTheRootEndsEverythingUnderIt) {
   RawServer server([](RawConnection& connection) {
-    if (TakeRequest(connection)) connection.Hold(milliseconds(60000));
+    if (connection.ReadRequest()) connection.Hold(milliseconds(60000));
   });
   InetDriver driver;
   driver.SetWaits(milliseconds(200), milliseconds(1000));
