@@ -73,10 +73,7 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   // After a completed request, and with a request whose reply never comes, the loop thread and
   // the closing caller must sleep, not keep watching.
   RawServer server([](RawConnection& connection) {
-    RawConnection::Head head;
-    if (!connection.ReadHead(head)) return;
-    connection.ReadBody(head.contentLength);
-    connection.Hold(milliseconds(10000));
+    if (connection.ReadRequest()) connection.Hold(milliseconds(10000));
   });
   LoopbackServer answering;
   answering.Start();
@@ -97,9 +94,7 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   // socket turns readable for good, which must not keep the loop busy. The next request then
   // goes out on a new connection.
   RawServer closing([](RawConnection& connection) {
-    RawConnection::Head head;
-    if (!connection.ReadHead(head)) return;
-    connection.ReadBody(head.contentLength);
+    if (!connection.ReadRequest()) return;
     connection.Send(RawServer::Response(200, "OK", "ok"));
     connection.Hold(milliseconds(20));
     connection.Close();

@@ -192,19 +192,6 @@ TEST_F(InetScenarioTest, ShortOrMissingRepliesAreErrorsNotQuietEnds) {
       << Show(silent);
 }
 
-TEST_F(InetScenarioTest, CloseDuringAPendingCallCancelsItPromptly) {
-  for (const char* name : {"close-in-end", "close-in-read"}) {
-    auto start = std::chrono::steady_clock::now();
-    Lines trace = Run(name);
-    // The scenario closes after 0.5 s; the server would hold for 30 s.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500)) << name;
-    EXPECT_TRUE(HasRun(trace, {"InternetCloseHandle(req) -> TRUE", "  W 100 (0,12017)", "  70 req",
-                               "InternetCloseHandle(req) -> FALSE 6"}))
-        << name << "\n"
-        << Show(trace);
-  }
-}
-
 TEST_F(InetScenarioTest, DroppedPooledConnectionIsReplacedSilently) {
   Lines trace = Run("stale");
   EXPECT_TRUE(HasRun(trace, {"HttpOpenRequestA(POST /second) -> req", "  C 60 req",

@@ -91,7 +91,7 @@ public:
   void Serve(RawConnection& connection) {
     RawConnection::Head head;
     std::string body;
-    while (connection.ReadHead(head) && connection.ReadBody(head.contentLength, body)) {
+    while (connection.ReadHead(head) && connection.ReadBody(head.contentLength, &body) == head.contentLength) {
       std::string reply;
       if (!Answer(connection, head, body, reply)) return;
       if (!connection.Send(RawServer::Response(200, "OK", reply))) return;
