@@ -3,6 +3,7 @@
 #include "InetDriver.h"
 #include "support/LoopbackServer.h"
 #include "support/RawServer.h"
+#include "support/TestServers.h"
 
 #include <gtest/gtest.h>
 
@@ -72,9 +73,6 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   using std::chrono::milliseconds;
   // After a completed request, and with a request whose reply never comes, the loop thread and
   // the closing caller must sleep, not keep watching.
-  RawServer server([](RawConnection& connection) {
-    if (connection.ReadRequest()) connection.Hold(milliseconds(10000));
-  });
   LoopbackServer answering;
   answering.Start();
   InetDriver idle;
@@ -84,7 +82,7 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
 
   InetDriver stalled;
   stalled.SetWaits(milliseconds(300), milliseconds(3000));
-  ASSERT_TRUE(stalled.Open() && stalled.Connect(server.HostPort()) && stalled.OpenRequest("/stall"));
+  ASSERT_TRUE(stalled.Open() && stalled.Connect(test::TheServers()["stall"]) && stalled.OpenRequest("/stall"));
   ASSERT_TRUE(stalled.SendEx(4).ok && stalled.Write("body", 4).ok);
   ASSERT_TRUE(stalled.End(false).pending);
   EXPECT_LT(CpuWhileSleeping(milliseconds(300)).count(), 60);
