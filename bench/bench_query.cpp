@@ -164,7 +164,7 @@ int main(int argc, char** argv) {
     delete error;
     return 1;
   }
-  auto service = QOR::test::StartSoapService();
+  auto service = QOR::test::StartServers();
   tracePath = (std::filesystem::temp_directory_path() / "qorxmlu-bench-trace.txt").string();
   QOR::SafeTrace::SetTracePath(QOR::String::FromUtf8(tracePath));
   spdlogPath = tracePath + ".spdlog";
@@ -174,7 +174,7 @@ int main(int argc, char** argv) {
   logger->flush_on(spdlog::level::trace);
 
   {
-    QOR::String server = QOR::String::FromUtf8(service->Addresses().service);
+    QOR::String server = QOR::String::FromUtf8(service->Addresses()["soap"]);
     QOR::HttpClient directClient(u"bench", server, false, 10, 60);
     QOR::HttpClient queueClient(u"bench", server, false, 10, 60);
     directClient.AddUrlPrefix(u"/");

@@ -3,6 +3,7 @@
 #include "InetDriver.h"
 #include "support/LoopbackServer.h"
 #include "support/RawServer.h"
+#include "support/TestServers.h"
 
 #include <gtest/gtest.h>
 
@@ -72,12 +73,6 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   using std::chrono::milliseconds;
   // After a completed request, and with a request whose reply never comes, the loop thread and
   // the closing caller must sleep, not keep watching.
-  RawServer server([](RawConnection& connection) {
-    RawConnection::Head head;
-    if (!connection.ReadHead(head)) return;
-    connection.ReadBody(head.contentLength);
-    connection.Hold(milliseconds(10000));
-  });
   LoopbackServer answering;
   answering.Start();
   InetDriver idle;
@@ -87,7 +82,7 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
 
   InetDriver stalled;
   stalled.SetWaits(milliseconds(300), milliseconds(3000));
-  ASSERT_TRUE(stalled.Open() && stalled.Connect(server.HostPort()) && stalled.OpenRequest("/stall"));
+  ASSERT_TRUE(stalled.Open() && stalled.Connect(test::TheServers()["stall"]) && stalled.OpenRequest("/stall"));
   ASSERT_TRUE(stalled.SendEx(4).ok && stalled.Write("body", 4).ok);
   ASSERT_TRUE(stalled.End(false).pending);
   EXPECT_LT(CpuWhileSleeping(milliseconds(300)).count(), 60);
@@ -97,9 +92,7 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   // socket turns readable for good, which must not keep the loop busy. The next request then
   // goes out on a new connection.
   RawServer closing([](RawConnection& connection) {
-    RawConnection::Head head;
-    if (!connection.ReadHead(head)) return;
-    connection.ReadBody(head.contentLength);
+    if (!connection.ReadRequest()) return;
     connection.Send(RawServer::Response(200, "OK", "ok"));
     connection.Hold(milliseconds(20));
     connection.Close();
@@ -209,20 +202,6 @@ TEST(InetCallTest, CallsOutOfOrderFailAtOnce) {
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_TYPE));
   EXPECT_FALSE(HttpEndRequestW(driver.Connection(), nullptr, 0, 1));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_TYPE));
-}
-
-TEST(InetCallTest, RequestsOnOneConnectionHandleShareOneTcpConnection) {
-  LoopbackServer server;
-  server.Start();
-  InetDriver driver;
-  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
-  for (int i = 0; i < 20; ++i) {
-    std::string body = "request " + std::to_string(i);
-    std::string reply;
-    ASSERT_TRUE(driver.Post("/echo", body, reply).ok) << i;
-    EXPECT_EQ(reply, body);
-  }
-  EXPECT_EQ(server.Connections(), 1u);
 }
 
 // The descriptors registered in this process's epoll sets, from /proc/self/fdinfo.

@@ -2,6 +2,7 @@
 // resent silently, and a close from another thread ends whatever call is pending.
 #include "InetDriver.h"
 #include "support/RawServer.h"
+#include "support/TestServers.h"
 
 #include <gtest/gtest.h>
 
@@ -14,12 +15,6 @@ using std::chrono::milliseconds;
 using test::BlackHole;
 using test::RawConnection;
 using test::RawServer;
-
-// Reads one request with its body; false when the client went away.
-bool TakeRequest(RawConnection& connection) {
-  RawConnection::Head head;
-  return connection.ReadHead(head) && connection.ReadBody(head.contentLength) == head.contentLength;
-}
 
 // The step of a request at which a close from another thread comes.
 enum class Stuck { Connecting, Writing, Ending, Reading };
@@ -133,12 +128,6 @@ TEST(InetFaultTest, ResetsAreConnectionResetWhetherSendingOrReading) {
     if (connection.ReadHead(head)) connection.ReadBody(64 * 1024);
     connection.Reset();
   });
-  RawServer replying([](RawConnection& connection) {
-    if (!TakeRequest(connection)) return;
-    connection.Send(RawServer::ResponseHead(200, "OK", 100000) + std::string(1000, 'r'));
-    connection.Hold(milliseconds(100));
-    connection.Reset();
-  });
 
   InetDriver upload;
   ASSERT_TRUE(upload.Open() && upload.Connect(sending.HostPort()) && upload.OpenRequest("/reset"));
@@ -150,7 +139,7 @@ TEST(InetFaultTest, ResetsAreConnectionResetWhetherSendingOrReading) {
   EXPECT_EQ(failure.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
 
   InetDriver download;
-  ASSERT_TRUE(download.Open() && download.Connect(replying.HostPort()));
+  ASSERT_TRUE(download.Open() && download.Connect(test::TheServers()["reset"]));
   std::string reply;
   auto read = download.Post("/reset", "x", reply);
   EXPECT_FALSE(read.ok);
@@ -161,7 +150,7 @@ TEST(InetFaultTest, FailureAfterTheBodyWasLentIsReportedNotResent) {
   // The first request is answered; the kept-alive connection then dies in the middle of the
   // second request's body.
   RawServer server([](RawConnection& connection) {
-    if (!TakeRequest(connection) || !connection.Send(RawServer::Response(200, "OK", "first"))) return;
+    if (!connection.ReadRequest() || !connection.Send(RawServer::Response(200, "OK", "first"))) return;
     RawConnection::Head head;
     if (connection.ReadHead(head)) connection.ReadBody(1000);
     connection.Reset();
@@ -195,12 +184,9 @@ TEST(InetFaultTest, ConnectTimeOutOptionEndsAConnectThatIsNeverAnswered) {
 }
 
 TEST(InetFaultTest, ClosingTheRootEndsEverythingUnderIt) {
-  RawServer server([](RawConnection& connection) {
-    if (TakeRequest(connection)) connection.Hold(milliseconds(60000));
-  });
   InetDriver driver;
   driver.SetWaits(milliseconds(200), milliseconds(1000));
-  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()) && driver.OpenRequest("/stall"));
+  ASSERT_TRUE(driver.Open() && driver.Connect(test::TheServers()["stall"]) && driver.OpenRequest("/stall"));
   ASSERT_TRUE(driver.SendEx(1).ok && driver.Write("x", 1).ok);
   ASSERT_TRUE(driver.End(false).pending);
   HINTERNET request = driver.Request();

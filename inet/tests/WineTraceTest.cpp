@@ -3,12 +3,13 @@
 // traces step by step. Registered by the Windows build:
 //   inet_wine_trace_test --windows-scenario <inet_scenario.exe> --wine <wine>
 // Both traces are compared in the canonical form of TraceSteps.h.
-#include "ScenarioServers.h"
+#include "Scenarios.h"
 #include "TraceSteps.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -78,27 +79,21 @@ Traces RunProgram(const std::string& command) {
   return traces;
 }
 
-std::string Arguments(const ScenarioServers& servers, const std::string& pathPrefix) {
-  std::string arguments = " --trust " + Quote(pathPrefix + servers.Pki().CaFile()) + " " +
-                          Quote(pathPrefix + servers.Pki().CaDerFile());
-  for (const auto& [role, address] : servers.Config().servers) arguments += " " + role + "=" + address;
-  return arguments;
-}
-
 class WineTraceTest : public testing::TestWithParam<std::string> {
 public:
   static void SetUpTestSuite() {
-    {
-      ScenarioServers servers;
-      linuxTraces = RunProgram(Quote(QORINET_SCENARIO) + Arguments(servers, ""));
-    }
+    linuxTraces = RunWithServers(Quote(QORINET_SCENARIO));
     wineTraces = RunWine("");
   }
-  // The scenario program under Wine, against servers of its own; `only` names one scenario.
+  // The scenario program under Wine; `only` names one scenario.
   static Traces RunWine(const std::string& only) {
-    // Wine sees the Linux file system as drive Z:.
-    ScenarioServers servers;
-    return RunProgram(wineCommand + " " + Quote(windowsScenario) + Arguments(servers, "Z:") + " " + only);
+    return RunWithServers(wineCommand + " " + Quote(windowsScenario) + " " + only);
+  }
+  // Runs a scenario program against servers of its own (the servers hold a stalled request 3 s).
+  static Traces RunWithServers(const std::string& command) {
+    auto servers = test::StartServers(3000);
+    setenv("QORXMLU_TEST_SERVERS", servers->Addresses().Encode().c_str(), 1);
+    return RunProgram(command);
   }
   static Traces linuxTraces;
   static Traces wineTraces;

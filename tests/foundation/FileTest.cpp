@@ -135,38 +135,28 @@ TEST(FileTest, ReadsExactlyOrReportsTheShortRead) {
 TEST(FileTest, FormatableTextFileWritesMarkOnlyAtTheStart) {
   test::TempDir dir;
   String path = dir.File("out.txt");
-  {
+  // Each row opens the file (appending or anew), flushes its texts in order, and closes it.
+  struct {
+    bool append;
+    std::vector<std::pair<String, BaseFile::BOM>> flushes;
+    std::string bytes;
+  } rows[] = {
+      {false, {{u"Grüße\r\n", BaseFile::UTF8}, {u"2\r\n", BaseFile::UTF8}}, "Gr\xC3\xBC\xC3\x9F" "e\r\n2\r\n"},
+      {true, {{u"3", BaseFile::UTF8WithMark}}, "Gr\xC3\xBC\xC3\x9F" "e\r\n2\r\n3"}, // not at the start: no mark
+      {false, {{u"é", BaseFile::UTF8WithMark}}, "\xEF\xBB\xBF\xC3\xA9"},
+      {false, {{u"a😀", BaseFile::UTF16LE}}, std::string("\xFF\xFE" "a\0\x3D\xD8\x00\xDE", 8)},
+  };
+  for (const auto& row : rows) {
     FormatableTextFile file(path);
-    ASSERT_EQ(file.Open(false), nullptr);
-    file.text << u"Grüße" << newline;
-    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8), nullptr);
-    EXPECT_TRUE(file.text.IsEmpty());
-    file.text << u"2" << newline;
-    ASSERT_EQ(file.FlushFile(true, BaseFile::UTF8), nullptr);
+    ASSERT_EQ(file.Open(row.append), nullptr);
+    for (std::size_t i = 0; i < row.flushes.size(); ++i) {
+      file.text << row.flushes[i].first;
+      ASSERT_EQ(file.FlushFile(i > 0, row.flushes[i].second), nullptr);
+      EXPECT_TRUE(file.text.IsEmpty());
+    }
     ASSERT_EQ(file.Close(), nullptr);
+    EXPECT_EQ(dir.Read("out.txt"), row.bytes);
   }
-  EXPECT_EQ(dir.Read("out.txt"), "Gr\xC3\xBC\xC3\x9F" "e\r\n2\r\n");
-  {
-    FormatableTextFile file(path);
-    ASSERT_EQ(file.Open(true), nullptr);
-    file.text << u"3";
-    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8WithMark), nullptr); // not at the start: no mark
-  }
-  EXPECT_EQ(dir.Read("out.txt"), "Gr\xC3\xBC\xC3\x9F" "e\r\n2\r\n3");
-  {
-    FormatableTextFile file(path);
-    ASSERT_EQ(file.Open(false), nullptr); // starts anew
-    file.text << u"é";
-    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8WithMark), nullptr);
-  }
-  EXPECT_EQ(dir.Read("out.txt"), "\xEF\xBB\xBF\xC3\xA9");
-  {
-    FormatableTextFile file(path);
-    ASSERT_EQ(file.Open(false), nullptr);
-    file.text << u"a😀";
-    ASSERT_EQ(file.FlushFile(false, BaseFile::UTF16LE), nullptr);
-  }
-  EXPECT_EQ(dir.Read("out.txt"), std::string("\xFF\xFE" "a\0\x3D\xD8\x00\xDE", 8));
 }
 
 TEST(FileTest, LargeTextIsWrittenWhole) {

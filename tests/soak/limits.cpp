@@ -108,9 +108,7 @@ std::string BodyOf4GiB(const test::TempDir& folder) {
 
 std::string ReplyOver4GiB() {
   test::RawServer server([](test::RawConnection& connection) {
-    test::RawConnection::Head head;
-    if (!connection.ReadHead(head)) return;
-    connection.ReadBody(head.contentLength);
+    if (!connection.ReadRequest()) return;
     const std::string chunk(1 << 20, 'A');
     connection.Send(test::RawServer::ResponseHead(200, "OK", 4 * GiB + 16 * chunk.size()));
     for (std::uint64_t sent = 0; sent < 4 * GiB + 16 * chunk.size() && connection.Send(chunk);) sent += chunk.size();
@@ -129,9 +127,7 @@ std::string ReplyLineOf100MB() {
   const std::string head = "<?xml version=\"1.0\"?>\r\n<Reply>\r\n<Success>0</Success>\r\n<Line>";
   const std::string tail = "</Line>\r\n</Reply>\r\n";
   test::RawServer server([&](test::RawConnection& connection) {
-    test::RawConnection::Head request;
-    if (!connection.ReadHead(request)) return;
-    connection.ReadBody(request.contentLength);
+    if (!connection.ReadRequest()) return;
     const std::string chunk(MB, 'x');
     connection.Send(test::RawServer::ResponseHead(200, "OK", head.size() + 100 * MB + tail.size()) + head);
     for (int i = 0; i < 100 && connection.Send(chunk); ++i) {

@@ -64,7 +64,7 @@ void Serve(test::RawConnection& connection) {
   std::mt19937 random(static_cast<unsigned>(connection.Number()) * 7919u);
   test::RawConnection::Head head;
   std::string body;
-  while (connection.ReadHead(head) && connection.ReadBody(head.contentLength, body)) {
+  while (connection.ReadHead(head) && connection.ReadBody(head.contentLength, &body) == head.contentLength) {
     const std::string n = FieldN(body);
     const int roll = static_cast<int>(random() % 100);
     if (roll == 0) return connection.Reset();

@@ -121,6 +121,13 @@ FakeCall FakeWinInet::Next(Api api) {
   return call;
 }
 
+FakeCall FakeWinInet::Begin(Api api, std::string line) {
+  FakeCall call = Next(api);
+  Record(std::move(line));
+  if (call.inside) call.inside();
+  return call;
+}
+
 std::uintptr_t FakeWinInet::NewHandle(int kind, std::uintptr_t parent, DWORD_PTR context) {
   auto handle = std::make_unique<Handle>();
   handle->kind = static_cast<HandleKind>(kind);
@@ -291,6 +298,12 @@ struct FakeWinInet::Entry {
     SetLastError(errorIoPending);
   }
 
+  // True (with the last error set) when the script fails the call.
+  static bool Fails(const FakeCall& call) {
+    if (call.kind == FakeCall::Kind::Fail) SetLastError(call.error);
+    return call.kind == FakeCall::Kind::Fail;
+  }
+
   // The handle if it is open and of that kind; otherwise sets the error and gives null.
   static Handle* Live(FakeWinInet& fake, HINTERNET value, HandleKind kind, ::DWORD errorIfDead) {
     std::lock_guard<std::mutex> hold(fake.lock);
@@ -305,15 +318,9 @@ struct FakeWinInet::Entry {
 
 HINTERNET WINAPI FakeWinInet::InternetOpenW(LPCWSTR agent, ::DWORD, LPCWSTR, LPCWSTR, ::DWORD flags) {
   FakeWinInet& fake = *active;
-  FakeCall call = fake.Next(Api::InternetOpenW);
-  fake.Record("InternetOpenW " + std::to_string(flags));
-  if (call.inside) call.inside();
-  if (call.kind == FakeCall::Kind::Fail) {
-    SetLastError(call.error);
-    return nullptr;
-  }
+  FakeCall call = fake.Begin(Api::InternetOpenW, "InternetOpenW " + Ascii(Units(agent)) + " " + std::to_string(flags));
+  if (Entry::Fails(call)) return nullptr;
   std::lock_guard<std::mutex> hold(fake.lock);
-  fake.lastAgent = Units(agent);
   return AsHandle(fake.NewHandle(rootKind, 0, 0));
 }
 
@@ -335,19 +342,11 @@ INTERNET_STATUS_CALLBACK WINAPI FakeWinInet::InternetSetStatusCallbackW(HINTERNE
 HINTERNET WINAPI FakeWinInet::InternetConnectW(HINTERNET root, LPCWSTR server, INTERNET_PORT port, LPCWSTR user,
                                                LPCWSTR password, ::DWORD service, ::DWORD flags, DWORD_PTR context) {
   FakeWinInet& fake = *active;
-  FakeCall call = fake.Next(Api::InternetConnectW);
-  fake.Record("InternetConnectW " + Ascii(Units(server)) + ":" + std::to_string(port) + " " + std::to_string(service) +
-              " " + std::to_string(flags) + (user && password && !*user && !*password ? "" : " credentials"));
-  {
-    std::lock_guard<std::mutex> hold(fake.lock);
-    fake.lastServer = Units(server);
-    fake.lastPort = port;
-  }
-  if (call.inside) call.inside();
-  if (call.kind == FakeCall::Kind::Fail) {
-    SetLastError(call.error);
-    return nullptr;
-  }
+  FakeCall call = fake.Begin(Api::InternetConnectW, "InternetConnectW " + Ascii(Units(server)) + ":" +
+                                                        std::to_string(port) + " " + std::to_string(service) + " " +
+                                                        std::to_string(flags) +
+                                                        (user && password && !*user && !*password ? "" : " credentials"));
+  if (Entry::Fails(call)) return nullptr;
   if (!Entry::Live(fake, root, rootKind, errorInvalidHandle)) return nullptr;
   if (call.kind != FakeCall::Kind::Succeed) {
     Entry::Start(fake, new Hung{Api::InternetConnectW, AsValue(root), context, std::move(call)});
@@ -404,16 +403,11 @@ HINTERNET WINAPI FakeWinInet::HttpOpenRequestA(HINTERNET connection, LPCSTR verb
 
 BOOL WINAPI FakeWinInet::HttpAddRequestHeadersW(HINTERNET value, LPCWSTR headers, ::DWORD length, ::DWORD modifiers) {
   FakeWinInet& fake = *active;
-  FakeCall call = fake.Next(Api::HttpAddRequestHeadersW);
   std::string mode = modifiers == 0x80000000 ? "REPLACE" : modifiers == 0x20000000 ? "ADD" : std::to_string(modifiers);
-  fake.Record("HttpAddRequestHeadersW " + mode + (length == 0xFFFFFFFF ? "" : " length " + std::to_string(length)));
-  if (call.inside) call.inside();
+  FakeCall call = fake.Begin(Api::HttpAddRequestHeadersW, "HttpAddRequestHeadersW " + mode +
+                                                              (length == 0xFFFFFFFF ? "" : " length " + std::to_string(length)));
   Handle* handle = Entry::Live(fake, value, requestKind, errorIncorrectHandleType);
-  if (!handle) return failed;
-  if (call.kind == FakeCall::Kind::Fail) {
-    SetLastError(call.error);
-    return failed;
-  }
+  if (!handle || Entry::Fails(call)) return failed;
   std::lock_guard<std::mutex> hold(fake.lock);
   fake.requests[handle->request].headerCalls.push_back(mode + " " + Ascii(Units(headers)));
   return succeeded;
@@ -422,20 +416,17 @@ BOOL WINAPI FakeWinInet::HttpAddRequestHeadersW(HINTERNET value, LPCWSTR headers
 BOOL WINAPI FakeWinInet::HttpSendRequestExW(HINTERNET value, LPINTERNET_BUFFERSW in, LPINTERNET_BUFFERSW out,
                                             ::DWORD flags, DWORD_PTR context) {
   FakeWinInet& fake = *active;
-  FakeCall call = fake.Next(Api::HttpSendRequestExW);
-  fake.Record("HttpSendRequestExW " + std::to_string(in ? in->dwBufferTotal : 0) + " " + std::to_string(flags) +
-              (out ? " out" : "") + (in && in->dwStructSize == sizeof(INTERNET_BUFFERSW) ? "" : " badsize"));
-  if (call.inside) call.inside();
+  FakeCall call = fake.Begin(Api::HttpSendRequestExW,
+                             "HttpSendRequestExW " + std::to_string(in ? in->dwBufferTotal : 0) + " " +
+                                 std::to_string(flags) + (out ? " out" : "") +
+                                 (in && in->dwStructSize == sizeof(INTERNET_BUFFERSW) ? "" : " badsize"));
   Handle* handle = Entry::Live(fake, value, requestKind, errorIncorrectHandleType);
   if (!handle) return failed;
   {
     std::lock_guard<std::mutex> hold(fake.lock);
     fake.requests[handle->request].announced = in ? in->dwBufferTotal : 0;
   }
-  if (call.kind == FakeCall::Kind::Fail) {
-    SetLastError(call.error);
-    return failed;
-  }
+  if (Entry::Fails(call)) return failed;
   if (call.kind != FakeCall::Kind::Succeed) {
     Entry::Start(fake, new Hung{Api::HttpSendRequestExW, AsValue(value), context, std::move(call)});
     return failed;
@@ -445,19 +436,14 @@ BOOL WINAPI FakeWinInet::HttpSendRequestExW(HINTERNET value, LPINTERNET_BUFFERSW
 
 BOOL WINAPI FakeWinInet::InternetWriteFile(HINTERNET value, const void* data, ::DWORD size, LPDWORD written) {
   FakeWinInet& fake = *active;
-  FakeCall call = fake.Next(Api::InternetWriteFile);
-  fake.Record("InternetWriteFile " + std::to_string(size));
-  if (call.inside) call.inside();
+  FakeCall call = fake.Begin(Api::InternetWriteFile, "InternetWriteFile " + std::to_string(size));
   Handle* handle = Entry::Live(fake, value, requestKind, errorInvalidHandle);
   if (!handle) return failed;
   {
     std::lock_guard<std::mutex> hold(fake.lock);
     fake.requests[handle->request].writesOffered.push_back(size);
   }
-  if (call.kind == FakeCall::Kind::Fail) {
-    SetLastError(call.error);
-    return failed;
-  }
+  if (Entry::Fails(call)) return failed;
   if (call.kind != FakeCall::Kind::Succeed) {
     auto* pending = new Hung{Api::InternetWriteFile, AsValue(value), 0, std::move(call)};
     pending->data = data;
@@ -475,15 +461,10 @@ BOOL WINAPI FakeWinInet::InternetWriteFile(HINTERNET value, const void* data, ::
 
 BOOL WINAPI FakeWinInet::HttpEndRequestW(HINTERNET value, LPINTERNET_BUFFERSW out, ::DWORD flags, DWORD_PTR context) {
   FakeWinInet& fake = *active;
-  FakeCall call = fake.Next(Api::HttpEndRequestW);
-  fake.Record("HttpEndRequestW" + std::string(out ? " out" : "") + (flags ? " flags" : ""));
-  if (call.inside) call.inside();
+  FakeCall call =
+      fake.Begin(Api::HttpEndRequestW, "HttpEndRequestW" + std::string(out ? " out" : "") + (flags ? " flags" : ""));
   Handle* handle = Entry::Live(fake, value, requestKind, errorIncorrectHandleType);
-  if (!handle) return failed;
-  if (call.kind == FakeCall::Kind::Fail) {
-    SetLastError(call.error);
-    return failed;
-  }
+  if (!handle || Entry::Fails(call)) return failed;
   {
     std::lock_guard<std::mutex> hold(fake.lock);
     fake.requests[handle->request].ended = true;
@@ -498,16 +479,11 @@ BOOL WINAPI FakeWinInet::HttpEndRequestW(HINTERNET value, LPINTERNET_BUFFERSW ou
 BOOL WINAPI FakeWinInet::InternetReadFileExA(HINTERNET value, LPINTERNET_BUFFERSA buffers, ::DWORD flags,
                                              DWORD_PTR context) {
   FakeWinInet& fake = *active;
-  FakeCall call = fake.Next(Api::InternetReadFileExA);
-  fake.Record("InternetReadFileExA " + std::to_string(buffers ? buffers->dwBufferLength : 0) +
-              (flags == 1 ? "" : " flags " + std::to_string(flags)));
-  if (call.inside) call.inside();
+  FakeCall call = fake.Begin(Api::InternetReadFileExA, "InternetReadFileExA " +
+                                                           std::to_string(buffers ? buffers->dwBufferLength : 0) +
+                                                           (flags == 1 ? "" : " flags " + std::to_string(flags)));
   Handle* handle = Entry::Live(fake, value, requestKind, errorInvalidHandle);
-  if (!handle) return failed;
-  if (call.kind == FakeCall::Kind::Fail) {
-    SetLastError(call.error);
-    return failed;
-  }
+  if (!handle || Entry::Fails(call)) return failed;
   if (call.kind != FakeCall::Kind::Succeed) {
     auto* pending = new Hung{Api::InternetReadFileExA, AsValue(value), context, std::move(call)};
     pending->read = buffers;
@@ -601,21 +577,6 @@ int FakeWinInet::OpenHandles() const {
   std::lock_guard<std::mutex> hold(lock);
   return static_cast<int>(
       std::count_if(handles.begin(), handles.end(), [](const auto& entry) { return !entry.second->closed; }));
-}
-
-std::u16string FakeWinInet::LastServer() const {
-  std::lock_guard<std::mutex> hold(lock);
-  return lastServer;
-}
-
-INTERNET_PORT FakeWinInet::LastPort() const {
-  std::lock_guard<std::mutex> hold(lock);
-  return lastPort;
-}
-
-std::u16string FakeWinInet::LastAgent() const {
-  std::lock_guard<std::mutex> hold(lock);
-  return lastAgent;
 }
 
 } // namespace QOR::test

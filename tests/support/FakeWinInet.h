@@ -107,15 +107,12 @@ public:
   void Drain();
 
   std::vector<Request> Requests() const;
-  // One line per call: the entry point's name and its main argument.
+  // One line per call: the entry point's name and its main arguments (the agent and flags of
+  // InternetOpenW; server:port, service, flags and credentials of InternetConnectW).
   std::vector<std::string> Log() const;
   int Count(const std::string& entryPoint) const;
   // Handles that were made and not yet closed, the root handles included.
   int OpenHandles() const;
-  // The server name and port of the last InternetConnectW.
-  std::u16string LastServer() const;
-  INTERNET_PORT LastPort() const;
-  std::u16string LastAgent() const;
 
 private:
   struct Handle;
@@ -126,6 +123,8 @@ private:
   static FakeWinInet* active;
 
   FakeCall Next(Api api);
+  // Takes the script of the call, logs the call as `line` and runs what the script does inside it.
+  FakeCall Begin(Api api, std::string line);
   std::uintptr_t NewHandle(int kind, std::uintptr_t parent, DWORD_PTR context);
   Handle* Find(std::uintptr_t handle);
   void Record(std::string line);
@@ -163,9 +162,6 @@ private:
   std::string reply;
   bool closeCancels = true;
   std::uintptr_t nextHandle = 0x100;
-  std::u16string lastServer;
-  INTERNET_PORT lastPort = 0;
-  std::u16string lastAgent;
 
   struct Task {
     std::chrono::steady_clock::time_point due;

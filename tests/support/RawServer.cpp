@@ -101,32 +101,18 @@ bool RawConnection::ReadHead(Head& head) {
   return true;
 }
 
-std::size_t RawConnection::ReadBody(std::size_t count, std::size_t chunk, Milliseconds pause) {
+std::size_t RawConnection::ReadBody(std::size_t count, std::string* body) {
   std::size_t done = std::min(count, buffered.size());
+  if (body) body->assign(buffered, 0, done);
   buffered.erase(0, done);
-  std::vector<char> block(chunk ? chunk : 256 * 1024);
-  while (done < count) {
-    if (!WaitFor(POLLIN, patience)) break;
-    std::size_t want = std::min(block.size(), count - done);
-    ssize_t got = ::recv(socket, block.data(), want, 0);
+  std::vector<char> block(256 * 1024);
+  while (done < count && WaitFor(POLLIN, patience)) {
+    ssize_t got = ::recv(socket, block.data(), std::min(block.size(), count - done), 0);
     if (got <= 0) break;
+    if (body) body->append(block.data(), static_cast<std::size_t>(got));
     done += static_cast<std::size_t>(got);
-    if (chunk && pause.count() > 0 && done < count && !Hold(pause)) break;
   }
   return done;
-}
-
-bool RawConnection::ReadBody(std::size_t count, std::string& body) {
-  body.assign(buffered, 0, std::min(count, buffered.size()));
-  buffered.erase(0, body.size());
-  char block[16 * 1024];
-  while (body.size() < count) {
-    if (!WaitFor(POLLIN, patience)) return false;
-    ssize_t got = ::recv(socket, block, std::min(sizeof block, count - body.size()), 0);
-    if (got <= 0) return false;
-    body.append(block, static_cast<std::size_t>(got));
-  }
-  return true;
 }
 
 bool RawConnection::Send(std::string_view bytes) {
@@ -253,11 +239,8 @@ std::string RawServer::Response(int status, std::string_view reason, std::string
 
 RawServer::Script RawServer::Answer(std::string body) {
   return [body = std::move(body)](RawConnection& connection) {
-    RawConnection::Head head;
-    while (connection.ReadHead(head)) {
-      connection.ReadBody(head.contentLength);
+    while (connection.ReadRequest())
       if (!connection.Send(Response(200, "OK", body))) return;
-    }
   };
 }
 

@@ -43,11 +43,15 @@ public:
 
   // Reads a request head. False when the client closed (or the server stops) first.
   bool ReadHead(Head& head);
-  // Reads up to `count` body bytes, `chunk` at a time with `pause` between chunks (0: no
-  // pause). Returns the bytes read, fewer when the client closed.
-  std::size_t ReadBody(std::size_t count, std::size_t chunk = 0, Milliseconds pause = Milliseconds(0));
-  // Reads `count` body bytes into `body`; false when the client closed first.
-  bool ReadBody(std::size_t count, std::string& body);
+  // Reads a request head and its whole body; false when the client went away first.
+  bool ReadRequest(Head& head) { return ReadHead(head) && ReadBody(head.contentLength) == head.contentLength; }
+  bool ReadRequest() {
+    Head head;
+    return ReadRequest(head);
+  }
+  // Reads up to `count` body bytes, into `body` if given. Returns the bytes read, fewer when the
+  // client closed.
+  std::size_t ReadBody(std::size_t count, std::string* body = nullptr);
   // Sends all of `bytes`; false when the client is gone.
   bool Send(std::string_view bytes);
   // Sends `bytes` in `chunk` pieces with `pause` between them.

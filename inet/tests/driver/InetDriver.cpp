@@ -56,6 +56,10 @@ InetDriver::InetDriver(std::string agent) : agent(std::move(agent)) {}
 
 InetDriver::~InetDriver() {
   closingWait = std::min(closingWait, std::chrono::milliseconds(2000));
+  CloseAll();
+}
+
+void InetDriver::CloseAll() {
   if (request) CloseRequest();
   if (connection) CloseConnection();
   if (root) CloseRoot();
@@ -160,11 +164,6 @@ void InetDriver::EndCall(std::size_t index, const std::string& outcome) {
   events[index].text += " -> " + outcome;
 }
 
-void InetDriver::Mark(const std::string& text) {
-  std::lock_guard<std::mutex> guard(lock);
-  events.push_back({true, text});
-}
-
 InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait,
                                       const DWORD* bytes) {
   Result result;
@@ -205,15 +204,47 @@ InetDriver::Result InetDriver::Wait() {
 
 // ---- the calls ----
 
-bool InetDriver::Open() {
-  std::size_t index = BeginCall("InternetOpenW");
+template <class Entry>
+InetDriver::Result InetDriver::Call(const std::string& text, bool wait, const DWORD* bytes, Entry entry) {
+  std::size_t before = 0;
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    before = completions.size();
+  }
+  std::size_t index = BeginCall(text);
+  BOOL ok;
   {
     CallScope scope(this);
-    root = InternetOpenW(Widen(agent).c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC);
+    ok = entry();
   }
-  EndCall(index, root ? "root" : "NULL " + std::to_string(GetLastError()));
+  return Finish(index, ok, before, wait, bytes);
+}
+
+template <class Entry> HINTERNET InetDriver::Create(const std::string& text, const char* role, Entry entry) {
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    creating = role;
+  }
+  std::size_t index = BeginCall(text);
+  HINTERNET made;
+  {
+    CallScope scope(this);
+    made = entry();
+  }
+  if (made) {
+    std::lock_guard<std::mutex> guard(lock);
+    names[made] = role;
+  }
+  EndCall(index, made ? std::string(role) : "NULL " + std::to_string(GetLastError()));
+  return made;
+}
+
+bool InetDriver::Open() {
+  root = Create("InternetOpenW", "root", [&] {
+    return InternetOpenW(Widen(agent).c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC);
+  });
   if (!root) return false;
-  index = BeginCall("InternetSetStatusCallbackW");
+  std::size_t index = BeginCall("InternetSetStatusCallbackW");
   INTERNET_STATUS_CALLBACK old;
   {
     CallScope scope(this);
@@ -224,55 +255,27 @@ bool InetDriver::Open() {
 }
 
 bool InetDriver::Connect(const std::string& server, INTERNET_PORT port) {
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    creating = "conn";
-  }
-  std::size_t index = BeginCall("InternetConnectW(" + server + ")");
-  WideText name = Widen(server);
-  WideText empty;
-  {
-    CallScope scope(this);
-    connection = InternetConnectW(root, name.c_str(), port, empty.c_str(), empty.c_str(), INTERNET_SERVICE_HTTP, 0,
-                                  reinterpret_cast<DWORD_PTR>(this));
-  }
-  if (connection) {
-    std::lock_guard<std::mutex> guard(lock);
-    names[connection] = "conn";
-  }
-  EndCall(index, connection ? "conn" : "NULL " + std::to_string(GetLastError()));
+  WideText name = Widen(server), empty;
+  connection = Create("InternetConnectW(" + server + ")", "conn", [&] {
+    return InternetConnectW(root, name.c_str(), port, empty.c_str(), empty.c_str(), INTERNET_SERVICE_HTTP, 0,
+                            reinterpret_cast<DWORD_PTR>(this));
+  });
   return connection != nullptr;
 }
 
 bool InetDriver::OpenRequest(const std::string& object, DWORD flags, const char* verb) {
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    creating = "req";
-  }
-  std::size_t index = BeginCall("HttpOpenRequestA(" + std::string(verb) + " " + object + ")");
-  {
-    CallScope scope(this);
-    request = HttpOpenRequestA(connection, verb, object.c_str(), nullptr, referrer, acceptTypes, flags,
-                               reinterpret_cast<DWORD_PTR>(this));
-  }
-  if (request) {
-    std::lock_guard<std::mutex> guard(lock);
-    names[request] = "req";
-  }
-  EndCall(index, request ? "req" : "NULL " + std::to_string(GetLastError()));
+  request = Create("HttpOpenRequestA(" + std::string(verb) + " " + object + ")", "req", [&] {
+    return HttpOpenRequestA(connection, verb, object.c_str(), nullptr, referrer, acceptTypes, flags,
+                            reinterpret_cast<DWORD_PTR>(this));
+  });
   return request != nullptr;
 }
 
 InetDriver::Result InetDriver::AddHeader(const std::string& line, DWORD modifiers) {
   bool replace = (modifiers & HTTP_ADDREQ_FLAG_REPLACE) != 0;
-  std::size_t index = BeginCall(std::string("HttpAddRequestHeadersW(") + (replace ? "REPLACE" : "ADD") + ")");
   WideText text = Widen(line);
-  BOOL ok;
-  {
-    CallScope scope(this);
-    ok = HttpAddRequestHeadersW(request, text.c_str(), static_cast<DWORD>(-1), modifiers);
-  }
-  return Finish(index, ok, 0, false, nullptr);
+  return Call(std::string("HttpAddRequestHeadersW(") + (replace ? "REPLACE" : "ADD") + ")", false, nullptr,
+              [&] { return HttpAddRequestHeadersW(request, text.c_str(), static_cast<DWORD>(-1), modifiers); });
 }
 
 InetDriver::Result InetDriver::AddContentType() {
@@ -285,34 +288,15 @@ InetDriver::Result InetDriver::SendEx(DWORD total, bool wait) {
   INTERNET_BUFFERSW block{};
   block.dwStructSize = sizeof block;
   block.dwBufferTotal = total;
-  std::size_t before = 0;
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    before = completions.size();
-  }
-  std::size_t index = BeginCall("HttpSendRequestExW(" + std::to_string(total) + ")");
-  BOOL ok;
-  {
-    CallScope scope(this);
-    ok = HttpSendRequestExW(request, &block, nullptr, HSR_INITIATE, reinterpret_cast<DWORD_PTR>(this));
-  }
-  return Finish(index, ok, before, wait, nullptr);
+  return Call("HttpSendRequestExW(" + std::to_string(total) + ")", wait, nullptr, [&] {
+    return HttpSendRequestExW(request, &block, nullptr, HSR_INITIATE, reinterpret_cast<DWORD_PTR>(this));
+  });
 }
 
 InetDriver::Result InetDriver::Write(const char* data, DWORD size, bool wait) {
-  std::size_t before = 0;
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    before = completions.size();
-  }
   written = 0;
-  std::size_t index = BeginCall("InternetWriteFile(" + std::to_string(size) + ")");
-  BOOL ok;
-  {
-    CallScope scope(this);
-    ok = InternetWriteFile(request, data, size, &written);
-  }
-  return Finish(index, ok, before, wait, &written);
+  return Call("InternetWriteFile(" + std::to_string(size) + ")", wait, &written,
+              [&] { return InternetWriteFile(request, data, size, &written); });
 }
 
 InetDriver::Result InetDriver::WriteAll(const std::string& body, DWORD chunk) {
@@ -330,37 +314,18 @@ InetDriver::Result InetDriver::WriteAll(const std::string& body, DWORD chunk) {
 }
 
 InetDriver::Result InetDriver::End(bool wait) {
-  std::size_t before = 0;
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    before = completions.size();
-  }
-  std::size_t index = BeginCall("HttpEndRequestW");
-  BOOL ok;
-  {
-    CallScope scope(this);
-    ok = HttpEndRequestW(request, nullptr, 0, reinterpret_cast<DWORD_PTR>(this));
-  }
-  return Finish(index, ok, before, wait, nullptr);
+  return Call("HttpEndRequestW", wait, nullptr,
+              [&] { return HttpEndRequestW(request, nullptr, 0, reinterpret_cast<DWORD_PTR>(this)); });
 }
 
 InetDriver::Result InetDriver::Read(char* buffer, DWORD capacity, bool wait) {
-  std::size_t before = 0;
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    before = completions.size();
-  }
   readBlock = INTERNET_BUFFERSA{};
   readBlock.dwStructSize = sizeof readBlock;
   readBlock.lpvBuffer = buffer;
   readBlock.dwBufferLength = capacity;
-  std::size_t index = BeginCall("InternetReadFileExA(" + std::to_string(capacity) + ")");
-  BOOL ok;
-  {
-    CallScope scope(this);
-    ok = InternetReadFileExA(request, &readBlock, IRF_ASYNC, reinterpret_cast<DWORD_PTR>(this));
-  }
-  return Finish(index, ok, before, wait, &readBlock.dwBufferLength);
+  return Call("InternetReadFileExA(" + std::to_string(capacity) + ")", wait, &readBlock.dwBufferLength, [&] {
+    return InternetReadFileExA(request, &readBlock, IRF_ASYNC, reinterpret_cast<DWORD_PTR>(this));
+  });
 }
 
 InetDriver::Result InetDriver::ReadAll(std::string& body, DWORD step) {

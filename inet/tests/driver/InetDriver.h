@@ -29,11 +29,6 @@ constexpr DWORD engineSecureFlags = 0x84C01000;
 // The engine's write chunk and read growth step.
 constexpr DWORD blockSize = 102400;
 
-// Makes the CA trusted for the API under test (PEM for libqorinet, DER for Windows).
-bool TrustCertificate(const std::string& pemFile, const std::string& derFile);
-// Takes that trust back.
-void ForgetTrustedCertificate();
-
 class InetDriver {
 public:
   // What one call came to.
@@ -86,6 +81,8 @@ public:
   Result CloseRequest();
   Result CloseConnection();
   Result CloseRoot();
+  // Closes whatever is still open, request first, as the engine's Disconnect does.
+  void CloseAll();
   // Only the call, for closing from another thread: no wait, the handle stays known.
   BOOL CloseHandleOnly(HINTERNET handle);
   // Waits for HANDLE_CLOSING of `handle` after `since` closings of it have been seen.
@@ -104,13 +101,14 @@ public:
   std::vector<DWORD> StatusesOf(HINTERNET handle) const;
   // A callback came for a handle after its HANDLE_CLOSING, or a second HANDLE_CLOSING.
   bool CallbackAfterClosing() const;
-  // Appends a free line to the trace (scenario labels).
-  void Mark(const std::string& text);
 
 private:
   static void CALLBACK StatusCallback(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID info,
                                       DWORD length);
   void OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD length);
+  // One call that may pend, and one that makes a handle of `role`, traced as `text`.
+  template <class Entry> Result Call(const std::string& text, bool wait, const DWORD* bytes, Entry entry);
+  template <class Entry> HINTERNET Create(const std::string& text, const char* role, Entry entry);
   std::size_t BeginCall(const std::string& text);
   void EndCall(std::size_t index, const std::string& outcome);
   Result Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait, const DWORD* bytes);

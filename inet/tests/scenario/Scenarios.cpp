@@ -1,5 +1,6 @@
 #include "Scenarios.h"
 
+#include <functional>
 #include <thread>
 
 namespace QOR::inettest {
@@ -11,29 +12,23 @@ using std::chrono::milliseconds;
 // The engine's flags without IGNORE_CERT_CN_INVALID.
 constexpr DWORD secureStrictFlags = 0x84C00000;
 
-void Split(const std::string& hostPort, std::string& host, INTERNET_PORT& port) {
-  auto colon = hostPort.rfind(':');
-  host = hostPort.substr(0, colon);
-  port = static_cast<INTERNET_PORT>(std::stoi(hostPort.substr(colon + 1)));
-}
-
 // Open and connect the way the engine does, to the server of `role`.
 bool Start(InetDriver& driver, const ScenarioConfig& config, const std::string& role) {
-  std::string host;
-  INTERNET_PORT port = 0;
-  auto found = config.servers.find(role);
-  Split(found != config.servers.end() ? found->second : "127.0.0.1:1", host, port);
-  return driver.Open() && driver.Connect(host, port);
+  auto found = config.address.find(role);
+  std::string hostPort = found != config.address.end() ? found->second : "127.0.0.1:1";
+  auto colon = hostPort.rfind(':');
+  return driver.Open() &&
+         driver.Connect(hostPort.substr(0, colon), static_cast<INTERNET_PORT>(std::stoi(hostPort.substr(colon + 1))));
 }
 
-void PostOnce(InetDriver& driver, const std::string& object, const std::string& body, DWORD flags = engineFlags) {
+void PostOnce(InetDriver& driver, const std::string& object, std::size_t size = 300, DWORD flags = engineFlags) {
   std::string reply;
-  driver.Post(object, body, reply, flags);
+  driver.Post(object, std::string(size, 'b'), reply, flags);
 }
 
 // A request whose send fails: the engine still ends it, then closes.
-void FailedSend(InetDriver& driver, DWORD flags = engineFlags) {
-  driver.OpenRequest("/path", flags);
+void FailedSend(InetDriver& driver) {
+  driver.OpenRequest("/path");
   driver.AddContentType();
   driver.SendEx(300);
   driver.End();
@@ -42,33 +37,8 @@ void FailedSend(InetDriver& driver, DWORD flags = engineFlags) {
 
 void Normal(InetDriver& driver, const ScenarioConfig& config) {
   if (!Start(driver, config, "answer")) return;
-  PostOnce(driver, "/path", std::string(300, 'b'));
-  PostOnce(driver, "php/SafeTrace.php", std::string(300, 'b'));
-}
-
-void BigPost(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "sink")) return;
-  PostOnce(driver, "/upload", std::string(5 * 1024 * 1024, 'u'));
-}
-
-void BigReply(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "big")) return;
-  PostOnce(driver, "/download", std::string(300, 'b'));
-}
-
-void EmptyReply(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "empty")) return;
-  PostOnce(driver, "/empty", std::string(300, 'b'));
-}
-
-void Trickle(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "trickle")) return;
-  PostOnce(driver, "/trickle", std::string(300, 'b'));
-}
-
-void NotFound(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "missing")) return;
-  PostOnce(driver, "/missing", std::string(300, 'b'));
+  PostOnce(driver, "/path");
+  PostOnce(driver, "php/SafeTrace.php");
 }
 
 void Refused(InetDriver& driver, const ScenarioConfig& config) {
@@ -81,9 +51,9 @@ void NoHost(InetDriver& driver, const ScenarioConfig&) {
 
 void Stale(InetDriver& driver, const ScenarioConfig& config) {
   if (!Start(driver, config, "stale")) return;
-  PostOnce(driver, "/first", std::string(300, 'b'));
+  PostOnce(driver, "/first");
   std::this_thread::sleep_for(milliseconds(1000));
-  PostOnce(driver, "/second", std::string(300, 'b'));
+  PostOnce(driver, "/second");
 }
 
 void Handles(InetDriver& driver, const ScenarioConfig& config) {
@@ -100,26 +70,22 @@ void Handles(InetDriver& driver, const ScenarioConfig& config) {
   driver.End();
   driver.Read(buffer, sizeof buffer);
   driver.CloseHandleOnly(nullptr);
-  PostOnce(driver, "/after", std::string(300, 'b'));
+  PostOnce(driver, "/after");
   HINTERNET connection = driver.Connection();
   driver.CloseConnection();
   driver.CloseHandleOnly(connection);
 }
 
-void MidClose(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "cut")) return;
-  PostOnce(driver, "/cut", std::string(300, 'b'));
-}
-
-void NoReply(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "silent")) return;
-  PostOnce(driver, "/silent", std::string(300, 'b'));
-}
-
-// The engine's cancel: a watchdog thread closes the request while a call is pending.
-void CloseWhilePending(InetDriver& driver, InetDriver::Result (InetDriver::*step)(bool)) {
+// The engine's cancel: a watchdog thread closes the request while the call `pend` left is pending.
+void CloseWhilePending(InetDriver& driver, const ScenarioConfig& config, const std::string& role,
+                       const std::function<void()>& pend) {
+  if (!Start(driver, config, role)) return;
+  driver.OpenRequest("/" + role);
+  driver.AddContentType();
+  driver.SendEx(300);
+  driver.WriteAll(std::string(300, 'b'));
   HINTERNET request = driver.Request();
-  (driver.*step)(false);
+  pend();
   std::thread closer([&] {
     std::this_thread::sleep_for(milliseconds(500));
     driver.CloseHandleOnly(request);
@@ -130,51 +96,15 @@ void CloseWhilePending(InetDriver& driver, InetDriver::Result (InetDriver::*step
 }
 
 void CloseInEnd(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "stall")) return;
-  driver.OpenRequest("/stall");
-  driver.AddContentType();
-  driver.SendEx(300);
-  driver.WriteAll(std::string(300, 'b'));
-  CloseWhilePending(driver, &InetDriver::End);
+  CloseWhilePending(driver, config, "stall", [&] { driver.End(false); });
 }
 
 void CloseInRead(InetDriver& driver, const ScenarioConfig& config) {
-  if (!Start(driver, config, "stallbody")) return;
-  driver.OpenRequest("/stallbody");
-  driver.AddContentType();
-  driver.SendEx(300);
-  driver.WriteAll(std::string(300, 'b'));
-  driver.End();
   static char buffer[blockSize];
-  HINTERNET request = driver.Request();
-  driver.Read(buffer, sizeof buffer, false);
-  std::thread closer([&] {
-    std::this_thread::sleep_for(milliseconds(500));
-    driver.CloseHandleOnly(request);
+  CloseWhilePending(driver, config, "stallbody", [&] {
+    driver.End();
+    driver.Read(buffer, sizeof buffer, false);
   });
-  driver.Wait();
-  closer.join();
-  driver.WaitClosing(request, 0, milliseconds(10000));
-}
-
-void TlsOnce(InetDriver& driver, const ScenarioConfig& config, const std::string& role, DWORD flags) {
-  if (Start(driver, config, role)) PostOnce(driver, "/echo", std::string(300, 'b'), flags);
-}
-
-void TlsUntrusted(InetDriver& driver, const ScenarioConfig& config) {
-  TlsOnce(driver, config, "tls-self", engineSecureFlags);
-}
-void TlsTrusted(InetDriver& driver, const ScenarioConfig& config) {
-  TlsOnce(driver, config, "tls-good", engineSecureFlags);
-}
-void TlsWrongNameIgnored(InetDriver& driver, const ScenarioConfig& config) {
-  TlsOnce(driver, config, "tls-wrongname-ignored", engineSecureFlags);
-}
-void TlsWrongName(InetDriver& driver, const ScenarioConfig& config) {
-  TlsOnce(driver, config, "tls-wrongname", secureStrictFlags);
-}
-void TlsExpired(InetDriver& driver, const ScenarioConfig& config) {
-  TlsOnce(driver, config, "tls-expired", engineSecureFlags);
 }
 
 } // namespace
@@ -182,24 +112,24 @@ void TlsExpired(InetDriver& driver, const ScenarioConfig& config) {
 const std::vector<ScenarioInfo>& AllScenarios() {
   static const std::vector<ScenarioInfo> scenarios = {
       {"normal", Normal},
-      {"bigpost", BigPost},
-      {"bigreply", BigReply},
-      {"emptyreply", EmptyReply},
-      {"trickle", Trickle},
-      {"notfound", NotFound},
+      {"bigpost", nullptr, "sink", "/upload", 5 * 1024 * 1024},
+      {"bigreply", nullptr, "big", "/download"},
+      {"emptyreply", nullptr, "empty", "/empty"},
+      {"trickle", nullptr, "trickle", "/trickle"},
+      {"notfound", nullptr, "missing", "/missing"},
       {"refused", Refused},
       {"nohost", NoHost},
       {"stale", Stale},
       {"handles", Handles},
-      {"midclose", MidClose},
-      {"noreply", NoReply},
+      {"midclose", nullptr, "cut", "/cut"},
+      {"noreply", nullptr, "silent", "/silent"},
       {"close-in-end", CloseInEnd},
       {"close-in-read", CloseInRead},
-      {"https-untrusted", TlsUntrusted},
-      {"https-trusted", TlsTrusted},
-      {"https-wrongname", TlsWrongName},
-      {"https-wrongname-ignored", TlsWrongNameIgnored},
-      {"https-expired", TlsExpired},
+      {"https-untrusted", nullptr, "untrusted", "/echo", 300, engineSecureFlags},
+      {"https-trusted", nullptr, "secure", "/echo", 300, engineSecureFlags},
+      {"https-wrongname", nullptr, "wronghost", "/echo", 300, secureStrictFlags},
+      {"https-wrongname-ignored", nullptr, "wronghost2", "/echo", 300, engineSecureFlags},
+      {"https-expired", nullptr, "expired", "/echo", 300, engineSecureFlags},
   };
   return scenarios;
 }
@@ -209,11 +139,12 @@ std::vector<std::string> RunScenario(const std::string& name, const ScenarioConf
     if (name != scenario.name) continue;
     InetDriver driver;
     driver.SetWaits(std::chrono::milliseconds(20000), std::chrono::milliseconds(5000));
-    scenario.run(driver, config);
-    // Whatever is still open closes as the engine's Disconnect would.
-    if (driver.Request()) driver.CloseRequest();
-    if (driver.Connection()) driver.CloseConnection();
-    if (driver.Root()) driver.CloseRoot();
+    if (scenario.run)
+      scenario.run(driver, config);
+    else if (Start(driver, config, scenario.role))
+      PostOnce(driver, scenario.object, scenario.size, scenario.flags);
+    // Whatever is still open closes as the engine's Disconnect would (the driver's destructor).
+    driver.CloseAll();
     return driver.Trace();
   }
   return {};

@@ -1,9 +1,10 @@
 // The call sequences that libqorinet and WinInet are compared on, each run through an
-// InetDriver against a server that the caller has started (see ScenarioServers.h). Portable:
-// the same code runs natively and, cross-built, under Wine.
+// InetDriver against the servers of support/TestServers.h. Portable: the same code runs natively
+// and, cross-built, under Wine.
 #pragma once
 
 #include "InetDriver.h"
+#include "support/TestServers.h"
 
 #include <map>
 #include <string>
@@ -11,14 +12,16 @@
 
 namespace QOR::inettest {
 
-struct ScenarioConfig {
-  // Server role -> "host:port" (see ScenarioServers.h for the roles).
-  std::map<std::string, std::string> servers;
-};
+using ScenarioConfig = test::ServerAddresses;
 
 struct ScenarioInfo {
   const char* name;
+  // Null: one POST of `size` bytes to `object` on the server of `role`, with `flags`.
   void (*run)(InetDriver& driver, const ScenarioConfig& config);
+  const char* role = nullptr;
+  const char* object = nullptr;
+  std::size_t size = 300;
+  DWORD flags = engineFlags;
 };
 
 // Every scenario, in the order the program runs them.
