@@ -123,6 +123,21 @@ TEST(SurfaceTest, FormBodySizeIsTheSizeOfTheBodyBuilt) {
   EXPECT_EQ(client.FormBodySize(), 0u);
 }
 
+TEST(SurfaceTest, RequestWithoutInitialiseHttpFailsClearly) {
+  // Before InitialiseHttp and after TerminateHttp alike: an error, never a crash.
+  for (int round = 0; round < 2; ++round) {
+    HttpClient client("surface", "127.0.0.1:9", false, 1, 1);
+    String reply(u"untouched");
+    ErrorPtr error{client.Retrieve("x", reply)};
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->Text(), u"HTTP is not initialised: call HttpClient::InitialiseHttp first");
+    EXPECT_EQ(reply, u"untouched");
+    ErrorPtr loaded{HttpClient::InitialiseHttp()};
+    ASSERT_FALSE(loaded);
+    EXPECT_FALSE(ErrorPtr(HttpClient::TerminateHttp()));
+  }
+}
+
 TEST(SurfaceTest, QueryKeepsWhatItWasGiven) {
   SimpleSoap query("service/echo", 3, "sub");
   query.AddParameter("a", "1");

@@ -5,6 +5,9 @@
 // process-wide BlockOnCritSection lock. The reported capacity grows by the fixed capacityIncrease,
 // but the physical block under it grows geometrically, so adding costs amortised constant time.
 // A handle that has never needed a body holds none, and reads as a new body would.
+//
+// Inline: all of it, a template; it reaches only BlockOnCritSection and UnblockOnCritSection, which
+// the library exports.
 #pragma once
 
 #include <qorxmlu/foundation/CritSection.h>

@@ -2,6 +2,8 @@
 //
 // Paths are Strings: UTF-8 on POSIX, wide paths on Windows. A file that cannot be opened or read
 // gives an ErrorInfo whose text names the path and the system's reason.
+//
+// Inline: Path and IsOpen, which read fields only.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -1,5 +1,7 @@
 // A counting semaphore in the shape of an Event: Set adds a count, Reset takes one away, and it
 // is signalled while counts are left. It stands in WaitOnEvents lists like any Event.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -1,5 +1,8 @@
 // Locks: CritSection (recursive, like a Windows critical section), its scope guard, and the
 // process-wide lock that guards the bodies of shared arrays.
+//
+// Inline: the section's calls on its std::recursive_mutex, Name and the scope lock; nothing of the
+// library.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -6,6 +6,8 @@
 // other character, stops at the first '=', decodes a final group of 2 or 3 characters without
 // padding to 1 or 2 bytes and drops a lone final character. It never writes more than
 // CalculateRequiredDecodeOutputBufferSize gave for the same text.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

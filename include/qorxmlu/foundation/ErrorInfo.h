@@ -5,6 +5,8 @@
 // operation that hands one out is [[nodiscard]]; ErrorPtr owns one for a scope:
 //
 //   if (QOR::ErrorPtr error{doc.Write("settings.xml")}) std::puts(error->FullText().ToUtf8().c_str());
+//
+// Inline: the constructor, Text and Next, which touch fields only.
 #pragma once
 
 #include <qorxmlu/Export.h>
@@ -26,7 +28,7 @@ public:
   // This record's own text.
   const String& Text() const noexcept { return text; }
   // The next record of the chain, or null.
-  [[nodiscard]] ErrorInfo* Next() const noexcept { return next; }
+  ErrorInfo* Next() const noexcept { return next; }
   // Every text of the chain, in order, joined by separator.
   String FullText(const String& separator = String(u"; ")) const;
 

@@ -3,6 +3,8 @@
 // An Event is manual-reset: Set signals it until Reset. WaitOnEvents blocks on any number of events
 // without polling and reports the lowest index that is signalled. Set, Reset and waits may come from
 // any thread; an Event must outlive every wait that lists it.
+//
+// Inline: Created, which is always true.
 #pragma once
 
 #include <qorxmlu/Export.h>

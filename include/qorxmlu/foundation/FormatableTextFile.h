@@ -2,6 +2,8 @@
 //
 // The public text gathers what is to be written; FlushFile encodes it, writes it and empties it.
 // A byte order mark goes only at the start of the file.
+//
+// Inline: the constructor, which only hands the path to WriteableFile.
 #pragma once
 
 #include <qorxmlu/Export.h>

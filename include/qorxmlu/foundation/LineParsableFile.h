@@ -5,6 +5,8 @@
 // is not delivered. Empty lines are delivered; a final line without a line end is delivered; a line
 // end at the very end of the file does not make one more, empty line. The file is read in blocks,
 // never held whole.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -3,6 +3,8 @@
 // With lineMode set, an element is a line: lines end at LF or CR LF, the line end is not
 // delivered, empty lines are delivered, and a line end at the very end makes no extra empty line.
 // Without lineMode, elements are the runs of text between blanks (space, tab, CR, LF).
+//
+// Inline: the constructor, which only stores the text.
 #pragma once
 
 #include <qorxmlu/Export.h>

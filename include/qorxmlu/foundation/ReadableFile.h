@@ -1,4 +1,6 @@
 // A file read as bytes.
+//
+// Inline: the constructor, which only hands the path to BaseFile.
 #pragma once
 
 #include <qorxmlu/Export.h>

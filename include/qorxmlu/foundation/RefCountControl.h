@@ -1,4 +1,6 @@
 // The process-wide lock under which shared reference counts change.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

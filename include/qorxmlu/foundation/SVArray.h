@@ -2,6 +2,8 @@
 //
 // Nothing is constructed or destroyed with an element. Copies share one body until one of them
 // changes it. Indices are not tested unless said otherwise. See ArrayCore.h for growth and locking.
+//
+// Inline: all of it, a template over ArrayCore.
 #pragma once
 
 #include <qorxmlu/foundation/ArrayCore.h>

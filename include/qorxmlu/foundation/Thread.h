@@ -7,6 +7,8 @@
 // it returns at once. A stopped thread may be started again: StartRunning clears the stop event.
 // A derived class stops its thread before its own part is destroyed; the base destructor only
 // waits as a last resort.
+//
+// Inline: OnStop (empty), StopEvent and Name, which read fields only.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -1,4 +1,6 @@
 // Plain types shared by every part of the library.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <cstddef>

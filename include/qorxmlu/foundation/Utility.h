@@ -1,4 +1,6 @@
 // Code pages, system error texts, paths and the error log.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -3,6 +3,8 @@
 //
 // Growing moves the pointers, never the records, so a pointer to a record stays good while the
 // array grows. A copy that separates copies every record. Indices are not tested.
+//
+// Inline: all of it, a template over ArrayCore.
 #pragma once
 
 #include <qorxmlu/foundation/ArrayCore.h>

@@ -1,4 +1,6 @@
 // A file written as bytes, in binary mode (a CR LF stays CR LF on every platform).
+//
+// Inline: the constructor, which only hands the path to BaseFile.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -13,6 +13,8 @@
 //
 // InitialiseHttp must have succeeded before the first request of any client, and TerminateHttp
 // comes after the last client is gone.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -3,6 +3,8 @@
 //
 // A client serves one request at a time and nothing here has a lock. During a request the engine
 // and the client's helper threads read the settings; a host changes them only between requests.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

@@ -4,6 +4,8 @@
 // Connect (when not connected), FetchRequestBuffer, SendRequest, ReadReply or ReadBase64Reply,
 // CloseRequest; after an error Disconnect. Only CancelRequest and RequestCancelled may come from
 // other threads. Every ErrorInfo* is null on success and belongs to the caller otherwise.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

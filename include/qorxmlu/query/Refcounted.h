@@ -4,6 +4,8 @@
 // away takes its one reference back. The last one destroys the object with DeleteItem. Counts
 // change only under RefCountControl's process-wide lock, so holders of one object may be copied
 // and dropped on different threads; the object itself gets no lock from this.
+//
+// Inline: all of it, a template; it reaches only RefCountControl, which the library exports.
 #pragma once
 
 #include <qorxmlu/foundation/RefCountControl.h>

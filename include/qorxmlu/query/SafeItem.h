@@ -1,5 +1,7 @@
 // The holder through which a host and a SoapQueue share a query: a Refcounted that gives up its
 // reference while its own type is still whole.
+//
+// Inline: all of it, a template over Refcounted.
 #pragma once
 
 #include <qorxmlu/query/Refcounted.h>

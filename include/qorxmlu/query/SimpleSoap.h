@@ -8,6 +8,8 @@
 // used by one thread at a time. Two queries must not run at once on one client.
 //
 // Queries are not copied: copy construction and assignment throw a char* text.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

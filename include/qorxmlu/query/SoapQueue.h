@@ -14,6 +14,8 @@
 //
 // One process-wide lock, "SoapQueue :: queueSection", guards the queues of all SoapQueue objects
 // for a few steps at a time; it is never held while a query runs or a caller waits.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

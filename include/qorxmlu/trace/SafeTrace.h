@@ -9,6 +9,8 @@
 // lost without a word. There are no levels and no off switch.
 //
 // SetTracePath and SetTraceClient are start-up calls, made while no other thread traces.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/Export.h>

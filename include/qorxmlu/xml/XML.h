@@ -4,6 +4,8 @@
 // comments and empty lines dropped, a prolog line holding xml version="1.0". A document is used
 // by one thread at a time. Copies are deep and never share tags; attribute lists are shared
 // copy-on-write, so neither copy sees a change made in the other.
+//
+// Inline: TopTag, which reads a field.
 #pragma once
 
 #include <qorxmlu/Export.h>

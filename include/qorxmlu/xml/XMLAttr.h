@@ -1,4 +1,6 @@
 // One attribute of a tag: a name and a value, both taken as they are.
+//
+// Nothing here is inline: every operation lives in the library.
 #pragma once
 
 #include <qorxmlu/foundation/String.h>
