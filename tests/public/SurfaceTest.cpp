@@ -123,6 +123,38 @@ TEST(SurfaceTest, FormBodySizeIsTheSizeOfTheBodyBuilt) {
   EXPECT_EQ(client.FormBodySize(), 0u);
 }
 
+TEST(SurfaceTest, RawFilesAndUnitsAsAHostUsesThem) {
+  test::TempDir dir;
+  WriteableFile out(dir.Path("raw.bin").u16string());
+  ASSERT_FALSE(ErrorPtr(out.Open(false)));
+  ASSERT_FALSE(ErrorPtr(out.Write("abc", 3)));
+  ASSERT_FALSE(ErrorPtr(out.Write("de", 2)));
+  EXPECT_EQ(out.Position(), 5u);
+  ASSERT_FALSE(ErrorPtr(out.Flush(true)));
+  ASSERT_FALSE(ErrorPtr(out.Close()));
+  ReadableFile in(dir.Path("raw.bin").u16string());
+  ASSERT_FALSE(ErrorPtr(in.Open()));
+  char bytes[8] = {};
+  std::size_t got = 0;
+  ASSERT_FALSE(ErrorPtr(in.ReadFile(bytes, sizeof bytes, &got)));
+  EXPECT_EQ(std::string(bytes, got), "abcde");
+
+  char utf8[16] = {};
+  EXPECT_EQ(EncodeUtf8Units(u"aß€", 3, utf8), 6u);
+  EXPECT_EQ(std::string(utf8, 6), "aß€");
+  char* eight = ConvertToMultibyte(L"wide", 0, nullptr);
+  ASSERT_NE(eight, nullptr);
+  EXPECT_STREQ(eight, "wide");
+  delete[] eight;
+
+  // The engine a derived client would hold: made and destroyed without touching the network.
+  HttpClient owner("surface", "127.0.0.1:9", false, 1, 1);
+  HttpClientImpInterface* engine = CreateHttpClientImp(&owner);
+  ASSERT_NE(engine, nullptr);
+  EXPECT_FALSE(engine->RequestCancelled());
+  delete engine;
+}
+
 TEST(SurfaceTest, RequestWithoutInitialiseHttpFailsClearly) {
   // Before InitialiseHttp and after TerminateHttp alike: an error, never a crash.
   for (int round = 0; round < 2; ++round) {

@@ -2,7 +2,7 @@
 #include <qorxmlu/foundation/SVArray.h>
 #include <qorxmlu/foundation/VArray.h>
 
-#include "support/StringPrinter.h"
+#include "StringPrinter.h"
 
 #include <gtest/gtest.h>
 

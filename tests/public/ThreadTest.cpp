@@ -1,7 +1,7 @@
 #include <qorxmlu/foundation/Thread.h>
 #include <qorxmlu/foundation/Utility.h>
 
-#include "support/StringPrinter.h"
+#include "StringPrinter.h"
 
 #include <gtest/gtest.h>
 

@@ -3,9 +3,9 @@
 #include <qorxmlu/foundation/ParsableText.h>
 #include <qorxmlu/foundation/ReadableFile.h>
 
-#include "support/TempDir.h"
+#include "TempDir.h"
 
-#include "support/StringPrinter.h"
+#include "StringPrinter.h"
 
 #include <gtest/gtest.h>
 

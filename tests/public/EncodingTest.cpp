@@ -1,6 +1,6 @@
 #include <qorxmlu/foundation/Encoding.h>
 
-#include "support/StringPrinter.h"
+#include "StringPrinter.h"
 
 #include <gtest/gtest.h>
 
