@@ -28,7 +28,8 @@ std::string WriteChecked(const QOR::XML& document, const std::filesystem::path& 
   if (error.empty()) {
     QOR::XML back;
     error = TakeErrorText(back.ReadFile(QOR::String(temporary.u16string())));
-    if (error.empty() && !(back.GetText() == document.GetText())) error = "the written file does not read back the same";
+    if (!error.empty()) error = "the written file does not read back: " + error;
+    else if (!(back.GetText() == document.GetText())) error = "the written file does not read back the same";
   }
   std::error_code failure;
   if (error.empty()) std::filesystem::rename(temporary, target, failure);
@@ -46,7 +47,9 @@ int RunFmt(const FmtOptions& options) {
       error = "tag \"" + Utf8(tag->GetName()) + "\" would not read back: " + Utf8(reason) + "; nothing written";
     }
   }
-  if (error.empty() && !options.output.empty()) error = WriteChecked(document, std::filesystem::path(Text(options.output).Std()));
+  if (error.empty() && !options.output.empty()) {
+    error = WriteChecked(document, std::filesystem::path(Text(options.output).Std()));
+  }
   if (!error.empty()) {
     std::cerr << "qorxml fmt: " << options.file << ": " << error << std::endl;
     return 1;
