@@ -2,7 +2,8 @@
 //
 // Beyond "no crash, no leak, no hang", it checks that a read from a file and a read from the same
 // text agree (for input without a byte order mark, which only the file reader looks at), and
-// that whatever a read leaves behind can be written, copied and checked.
+// that whatever a read leaves behind can be written, copied and checked, and reads back unchanged
+// exactly when the round-trip check passes it.
 #include <qorxmlu/xml/XML.h>
 
 #include <cstdint>
@@ -14,6 +15,8 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -30,11 +33,32 @@ struct Outcome {
   String text;
 };
 
+// Whether the trees hold the same names, values, attributes and nesting; their texts alone could
+// agree where the trees do not.
+bool SameTree(const XMLTag* a, const XMLTag* b) {
+  std::vector<std::pair<const XMLTag*, const XMLTag*>> pending{{a, b}};
+  while (!pending.empty()) {
+    const auto [x, y] = pending.back();
+    pending.pop_back();
+    if (!(x->GetName() == y->GetName()) || !(x->GetValue() == y->GetValue()) ||
+        x->NoOfAttributes() != y->NoOfAttributes() || x->NoOfNestedTags() != y->NoOfNestedTags())
+      return false;
+    for (std::size_t i = 0; i < x->NoOfAttributes(); ++i)
+      if (!(x->GetAttrName(i) == y->GetAttrName(i)) || !(x->GetAttrVal(i) == y->GetAttrVal(i))) return false;
+    for (std::size_t i = 0; i < x->NoOfNestedTags(); ++i) pending.push_back({x->GetNestedTag(i), y->GetNestedTag(i)});
+  }
+  return true;
+}
+
 Outcome Settle(XML& doc, ErrorInfo* error) {
   std::unique_ptr<ErrorInfo> owned(error);
   Outcome outcome{owned ? owned->Text().ToUtf8() : std::string(), doc.GetText()};
   XML copy(doc);
   if (!(copy.GetText() == outcome.text)) std::abort();
+  // The round-trip check passes exactly the trees that read back from their text unchanged.
+  XML back;
+  const bool same = !ErrorPtr(back.ReadText(outcome.text)) && SameTree(back.TopTag(), doc.TopTag());
+  if ((doc.FindUnwritableTag() == nullptr) != same) std::abort();
   int version = 0;
   delete doc.CheckVersion(u"Fuzz", u"", version);
   return outcome;

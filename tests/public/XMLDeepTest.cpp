@@ -26,13 +26,14 @@ std::size_t Depth(const XML& doc, XMLTag** deepest = nullptr) {
   return depth;
 }
 
-TEST(XMLDeepTest, AMillionLevelsAreCopiedSearchedAndDestroyed) {
+TEST(XMLDeepTest, AMillionLevelsAreCopiedSearchedCheckedAndDestroyed) {
   XML doc(u"top");
   XMLTag* deepest = doc.TopTag();
   for (std::size_t i = 0; i < million; ++i) deepest = deepest->NestTag(u"n");
   deepest->SetValue(u"bottom");
   EXPECT_TRUE(doc.TopTag()->IsParentOf(deepest));
   EXPECT_FALSE(deepest->IsParentOf(doc.TopTag()));
+  EXPECT_EQ(doc.FindUnwritableTag(), deepest); // a one-line "n" inside an "n"
 
   XML copy(doc);
   XMLTag* copiedDeepest = nullptr;

@@ -91,6 +91,7 @@ TEST(XMLWriterTest, WhatTheDialectCanHoldComesBackUnchanged) {
   EXPECT_EQ(Outcome(doc.Write(dir.File("round.xml"))), "");
   EXPECT_EQ(Outcome(fromFile.ReadFile(dir.File("round.xml"))), "");
   EXPECT_EQ(Picture(fromFile), Picture(doc));
+  EXPECT_EQ(doc.FindUnwritableTag(), nullptr);
 }
 
 TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
@@ -98,18 +99,22 @@ TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
     void (*build)(XMLTag& top);
     const char* error;
     const char* tree;
+    const char* unwritable; // the tag that FindUnwritableTag names, or "" for none
   } cases[] = {
-      {[](XMLTag& t) { t.NestTag(u"a", u"x")->AddComment(u"gone"); }, "", "t{a[x]}"},
-      {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"line\r\n<b />"); }, "", "t{b a}"},
-      {[](XMLTag& t) { t.NestTag(u"a", u"v")->NestTag(u"b"); }, "Missing end tag for XML data", "t"},
-      {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"1/2"); }, "Badly formed XML attribute value", "t"},
-      {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"say \"hi\""); }, "", "t{a(k=say )}"},
-      {[](XMLTag& t) { t.NestTag(u"a", u"x/>y"); }, "", "t{a}"},
-      {[](XMLTag& t) { t.NestTag(u"a", u"x</y"); }, "Badly formed end tag in XML data", "t"},
-      {[](XMLTag& t) { t.NestTag(u"a", u"x!--y"); }, "", "t"},
-      {[](XMLTag& t) { t.NestTag(u"a b", u"x"); }, "Badly formed end tag in XML data", "t"},
-      {[](XMLTag& t) { t.NestTag(u"", u"x"); }, "Badly formed XML tag name", "t"},
-      {[](XMLTag& t) { t.NestTag(u"a")->NestTag(u"a", u"x"); }, "Badly placed tag end in XML data", "t{a}"},
+      {[](XMLTag& t) { t.NestTag(u"a", u"x")->AddComment(u"gone"); }, "", "t{a[x]}", ""},
+      {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"line\r\n<b />"); }, "", "t{b a}", "t{a}"},
+      {[](XMLTag& t) { t.NestTag(u"t")->NestTag(u"b", u"x")->AddComment(u"\n</t>"); }, "", "t{t{b[x]}}", ""},
+      {[](XMLTag& t) { t.NestTag(u"a", u"v")->NestTag(u"b"); }, "Missing end tag for XML data", "t", "a[v]{b}"},
+      {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"1/2"); }, "Badly formed XML attribute value", "t", "a(k=1/2)"},
+      {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"say \"hi\""); }, "", "t{a(k=say )}", "a(k=say \"hi\")"},
+      {[](XMLTag& t) { t.NestTag(u"a", u"x/>y"); }, "", "t{a}", "a[x/>y]"},
+      {[](XMLTag& t) { t.NestTag(u"a/", u"x"); t.NestTag(u"b", u"x</y"); }, "Badly formed end tag in XML data", "t{a/}",
+       "a/[x]"},
+      {[](XMLTag& t) { t.NestTag(u"a", u"x</y"); }, "Badly formed end tag in XML data", "t", "a[x</y]"},
+      {[](XMLTag& t) { t.NestTag(u"a", u"x!--y"); }, "", "t", "a[x!--y]"},
+      {[](XMLTag& t) { t.NestTag(u"a b", u"x"); }, "Badly formed end tag in XML data", "t", "a b[x]"},
+      {[](XMLTag& t) { t.NestTag(u"", u"x"); }, "Badly formed XML tag name", "t", "[x]"},
+      {[](XMLTag& t) { t.NestTag(u"a")->NestTag(u"a", u"x"); }, "Badly placed tag end in XML data", "t{a}", "a[x]"},
   };
   for (const Case& c : cases) {
     XML doc(u"t");
@@ -117,6 +122,10 @@ TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
     XML back;
     EXPECT_EQ(Outcome(back.ReadText(doc.GetText())), c.error) << doc.GetText().ToUtf8();
     EXPECT_EQ(Picture(back), c.tree) << doc.GetText().ToUtf8();
+    String why;
+    const XMLTag* unwritable = doc.FindUnwritableTag(&why);
+    EXPECT_EQ(unwritable ? Picture(*unwritable) : "", c.unwritable) << doc.GetText().ToUtf8();
+    EXPECT_EQ(why.IsEmpty(), unwritable == nullptr);
   }
 }
 

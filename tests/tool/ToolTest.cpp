@@ -48,16 +48,25 @@ TEST(ToolFmtTest, WritesTheLibrarysOwnFormToStdoutOrAFile) {
   EXPECT_EQ(toStdout.exitStatus, 0);
   EXPECT_EQ(toStdout.out, expected);
 
-  ChildRun toFile = Qorxml({"fmt", PathText(folder, "in.xml"), "-o", PathText(folder, "out.xml")});
+  ChildRun toFile = Qorxml({"fmt", PathText(folder, "in.xml"), "-o", PathText(folder, "in.xml")});
   EXPECT_EQ(toFile.exitStatus, 0);
   EXPECT_EQ(toFile.out, "");
-  EXPECT_EQ(folder.Read("out.xml"), expected);
+  EXPECT_EQ(folder.Read("in.xml"), expected);
 
   folder.Write("bad.xml", "<?xml version=\"1.0\"?>\n<A>\n<B>\n</A>\n");
   ChildRun bad = Qorxml({"fmt", PathText(folder, "bad.xml"), "-o", PathText(folder, "never.xml")});
   EXPECT_EQ(bad.exitStatus, 1);
   EXPECT_THAT(bad.err, StartsWith("qorxml fmt: "));
   EXPECT_FALSE(std::filesystem::exists(folder.Path("never.xml")));
+
+  const std::string quoted = "<?xml version=\"1.0\"?>\n<A b='\"1' />\n"; // read, b holds a double quote
+  std::string odd = PathText(folder, "odd.xml");
+  folder.Write("odd.xml", quoted);
+  ChildRun refused = Qorxml({"fmt", odd, "-o", odd});
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_THAT(refused.err, HasSubstr(": tag \"A\" would not read back: an attribute value holds a double quote"));
+  EXPECT_EQ(folder.Read("odd.xml"), quoted);
+  EXPECT_EQ(Qorxml({"fmt", odd}).out, "");
 }
 
 class ToolServiceTest : public testing::Test {

@@ -58,6 +58,9 @@ public:
   void Write(FormatableTextFile& file) const;
   // Writes the document to the file at path as UTF-8; null on success.
   [[nodiscard]] ErrorInfo* Write(String path) const;
+  // The first tag, in document order, that the dialect cannot carry, or null when ReadText(GetText())
+  // gives back an equal tree (comments aside: the reader drops them); why goes to *reason if given.
+  XMLTag* FindUnwritableTag(String* reason = nullptr) const;
 
 private:
   // Destroys the top tag's content and lets go of the storage that its nested tags lived in.
