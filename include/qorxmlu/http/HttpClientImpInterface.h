@@ -22,7 +22,8 @@ class HttpClientBase;
 class QORXMLU_API HttpClientImpInterface {
 public:
   // Closes whatever handles are still open; errors of that are dropped.
-  virtual ~HttpClientImpInterface() = default;
+  // Defined in the library, so that the class has its one vtable there.
+  virtual ~HttpClientImpInterface();
 
   // Opens the session and the connection to the owner's server.
   [[nodiscard]] virtual ErrorInfo* Connect() = 0;

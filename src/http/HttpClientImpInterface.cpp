@@ -1,0 +1,7 @@
+#include <qorxmlu/http/HttpClientImpInterface.h>
+
+namespace QOR {
+
+HttpClientImpInterface::~HttpClientImpInterface() = default;
+
+} // namespace QOR
