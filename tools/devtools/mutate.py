@@ -85,7 +85,7 @@ NOT_STATEMENT = re.compile(r'^(return|delete|throw|break|continue|goto|case|defa
 ASSIGNMENT = re.compile(r'^[\w.\[\]*:>()-]+\s*(=|\+=|-=|\*=|/=|\|=|&=|\^=|<<=|>>=)\s*[^=].*;$')
 CALL = re.compile(r'^[\w.:>\[\]()*-]*[\w>]\s*\(.*\)\s*;$')
 INCREMENT = re.compile(r'^(\+\+|--)?[\w.\[\]>-]+(\+\+|--)?;$')
-MESSAGE = re.compile(r'^[A-Za-z][A-Za-z\'-]*( [\w\'(),.:-]+)+')
+MESSAGE = re.compile(r"^[A-Z][A-Za-z']*( [A-Za-z][\w'-]*)+")
 COMPARISON = re.compile(r'(?<![<>=!-])(==|!=|<=|>=)(?![=>])|(?<=\s)(<|>)(?=\s)')
 FLIP = {'<': '<=', '<=': '<', '>': '>=', '>=': '>', '==': '!=', '!=': '=='}
 NUMBER = re.compile(r'(?<![\w.])(0x[0-9a-fA-F]+|\d+)([uUlL]*)(?![\w.])')
@@ -106,7 +106,8 @@ def candidates(path):
     for number, (line, code) in enumerate(zip(lines, code_lines), 1):
         stripped = code.strip()
         in_code = 'code' in scopes and scopes[-1] != 'init'
-        if stripped and not stripped.startswith('#') and 'operator' not in code:
+        in_table = bool(scopes) and scopes[-1] == 'init'  # the rows of a table are data, not code
+        if stripped and not stripped.startswith('#') and 'operator' not in code and not in_table:
             found += line_mutants(path, number, line, code, stripped, in_code and previous_end in ';{}:)')
             base = line_start[number - 1]
             for start, end in literals:
@@ -118,7 +119,7 @@ def candidates(path):
             previous_end = ')' if stripped == 'else' else stripped[-1]
         for p, ch in enumerate(code):
             if ch == '{':
-                scopes.append(brace_kind(code, p))
+                scopes.append('init' if in_table else brace_kind(code, p))
             elif ch == '}' and scopes:
                 scopes.pop()
     return found
