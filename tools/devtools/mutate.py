@@ -7,6 +7,7 @@ crashing or hanging run kills the mutant. The file is restored after every mutan
 """
 import argparse
 import fnmatch
+import json
 import os
 import random
 import re
@@ -19,6 +20,8 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = ROOT / 'build' / 'mutate'
+# The file under a mutant and its own text, so that a run killed outright is mended by the next one.
+PENDING = BUILD / 'pending-restore.json'
 TEST_TIMEOUT = 60  # the most seconds a test program may take on a mutant
 
 # Which test programs exercise each folder, with the cases to leave out after a space. The net tests
@@ -105,10 +108,11 @@ def candidates(path):
     previous_end = ';'
     for number, (line, code) in enumerate(zip(lines, code_lines), 1):
         stripped = code.strip()
-        in_code = 'code' in scopes and scopes[-1] != 'init'
         in_table = bool(scopes) and scopes[-1] == 'init'  # the rows of a table are data, not code
+        # Operator declarations would only give mutants that don't build.
         if stripped and not stripped.startswith('#') and 'operator' not in code and not in_table:
-            found += line_mutants(path, number, line, code, stripped, in_code and previous_end in ';{}:)')
+            statement_place = 'code' in scopes and previous_end in ';{}:)'
+            found += line_mutants(path, number, line, code, stripped, statement_place)
             base = line_start[number - 1]
             for start, end in literals:
                 if base <= start < base + len(line) and MESSAGE.match(text[start:end]):
@@ -217,7 +221,7 @@ def build(targets):
 
 def start(entry):
     name, _, skip = entry.partition(' ')
-    command = [str(BUILD / PROGRAMS[name]), '--gtest_fail_fast', '--gtest_brief=1']
+    command = [str(BUILD / PROGRAMS[name]), '--gtest_fail_fast']
     if skip:
         command.append('--gtest_filter=' + skip)
     return subprocess.Popen(command, cwd=BUILD, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
@@ -284,12 +288,14 @@ def run(mutants, report_path):
             original = originals.setdefault(m.path, file.read_text(encoding='utf-8'))
             folder = folder_of(m.path)
             try:
+                PENDING.write_text(json.dumps({'path': m.path, 'text': original}), encoding='utf-8')
                 file.write_text(apply(original, m), encoding='utf-8')
                 built, _ = build(targets_of(folder))
                 outcome = 'not-built' if not built else \
                     'survived' if tests_pass(FOLDERS[folder], limits) else 'killed'
             finally:
                 file.write_text(original, encoding='utf-8')
+                PENDING.unlink(missing_ok=True)
             outcomes.append((m, outcome))
             print(f'[{i}/{len(mutants)} {time.monotonic() - started:5.0f}s] {outcome:9} {describe(m)}',
                   flush=True)
@@ -306,6 +312,14 @@ def run(mutants, report_path):
     report_path.write_text(report, encoding='utf-8')
     print(report, end='')
     print(f'(written to {report_path.relative_to(ROOT)})')
+
+
+def restore_pending():
+    if PENDING.exists():
+        saved = json.loads(PENDING.read_text(encoding='utf-8'))
+        (ROOT / saved['path']).write_text(saved['text'], encoding='utf-8')
+        PENDING.unlink()
+        print(f'mutate: restored {saved["path"]}, left under a mutant by a run that was killed', file=sys.stderr)
 
 
 def git_differs(path):
@@ -353,6 +367,10 @@ def main():
     parser.add_argument('--seed', type=int, default=1, help='picks the sample (default 1)')
     parser.add_argument('--list', action='store_true', help='print the sampled mutants and stop')
     args = parser.parse_args()
+    # Ended from outside, the run still restores its file on the way out (Ctrl-C does so anyway).
+    for ending in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(ending, lambda number, frame: sys.exit(128 + number))
+    restore_pending()
     mutants, pool = sample(args.files, args.sample, args.seed)
     if args.list:
         for m in mutants:
