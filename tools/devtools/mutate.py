@@ -1,0 +1,384 @@
+#!/usr/bin/env python3
+"""A small deterministic mutation run: does the test suite notice single-edit faults in the library?
+
+From a seed, a fixed sample of mutants is drawn from src/ and inet/src/. Each one is applied to its
+file, the test programs of that folder are rebuilt incrementally in build/mutate and run; a failing,
+crashing or hanging run kills the mutant. The file is restored after every mutant.
+"""
+import argparse
+import fnmatch
+import json
+import os
+import random
+import re
+import signal
+import subprocess
+import sys
+import time
+from collections import Counter, defaultdict, namedtuple
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = ROOT / 'build' / 'mutate'
+# The file under a mutant and its own text, so that a run killed outright is mended by the next one.
+PENDING = BUILD / 'pending-restore.json'
+TEST_TIMEOUT = 60  # the most seconds a test program may take on a mutant
+
+# Which test programs exercise each folder, with the cases to leave out after a space. The net tests
+# run the engine and libqorinet together.
+FOLDERS = {
+    'src/foundation': ['public_tests -XMLDeepTest.AMillion*'],
+    'src/xml': ['public_tests'],
+    'src/http': ['http_tests', 'http_net_tests', 'public_tests -XMLDeepTest.AMillion*'],
+    'src/query': ['public_tests -XMLDeepTest.AMillion*'],
+    'src/trace': ['public_tests -XMLDeepTest.AMillion*'],
+    'src/platform': ['public_tests -XMLDeepTest.AMillion*', 'http_tests'],
+    'inet/src': ['inet_tests', 'http_net_tests'],
+}
+PROGRAMS = {
+    'public_tests': 'tests/public/public_tests',
+    'http_tests': 'tests/http/http_tests',
+    'http_net_tests': 'tests/http/http_net_tests',
+    'inet_tests': 'inet/tests/inet_tests',
+}
+# A mutant build of libqorinet needs only the module itself: the test programs load it at run time.
+BUILD_TARGETS = {'inet/src': ['qorinet']}
+
+Mutant = namedtuple('Mutant', 'path line col old new kind source')
+
+# --- finding the candidates -------------------------------------------------------------------
+
+def mask_code(text):
+    """The text with comments blanked and literal contents replaced by '_', same length; and the
+    spans (start, end) of the string literals' contents."""
+    out, literals = list(text), []
+    i, n = 0, len(text)
+    while i < n:
+        c = text[i]
+        if text.startswith('//', i):
+            j = text.find('\n', i)
+            j = n if j < 0 else j
+            out[i:j] = ' ' * (j - i)
+            i = j
+        elif text.startswith('/*', i):
+            j = text.find('*/', i + 2)
+            j = n if j < 0 else j + 2
+            out[i:j] = [ch if ch == '\n' else ' ' for ch in text[i:j]]
+            i = j
+        elif c in '"\'' and not (c == "'" and i > 0 and text[i - 1].isalnum() and text[i + 1:i + 2].isdigit()):
+            j = i + 1
+            while j < n and text[j] != c and text[j] != '\n':
+                j += 2 if text[j] == '\\' else 1
+            if c == '"':
+                literals.append((i + 1, j))
+            out[i + 1:j] = '_' * (j - i - 1)
+            i = j + 1
+        else:
+            i += 1
+    return ''.join(out), literals
+
+
+SCOPE = re.compile(r'^\s*(namespace|class|struct|union|extern)\b')
+INITIALISER = re.compile(r'^\s*enum\b|(=|return|[(,{])\s*$')
+NOT_STATEMENT = re.compile(r'^(return|delete|throw|break|continue|goto|case|default|using|typedef|'
+                           r'static_assert|if|for|while|switch|do|else|const|static|auto|new)\b')
+ASSIGNMENT = re.compile(r'^[\w.\[\]*:>()-]+\s*(=|\+=|-=|\*=|/=|\|=|&=|\^=|<<=|>>=)\s*[^=].*;$')
+CALL = re.compile(r'^[\w.:>\[\]()*-]*[\w>]\s*\(.*\)\s*;$')
+INCREMENT = re.compile(r'^(\+\+|--)?[\w.\[\]>-]+(\+\+|--)?;$')
+MESSAGE = re.compile(r"^[A-Z][A-Za-z']*( [A-Za-z][\w'-]*)+")
+COMPARISON = re.compile(r'(?<![<>=!-])(==|!=|<=|>=)(?![=>])|(?<=\s)(<|>)(?=\s)')
+FLIP = {'<': '<=', '<=': '<', '>': '>=', '>=': '>', '==': '!=', '!=': '=='}
+NUMBER = re.compile(r'(?<![\w.])(0x[0-9a-fA-F]+|\d+)([uUlL]*)(?![\w.])')
+BOOLEAN = re.compile(r'\b(true|false)\b|(&&|\|\|)')
+SWAP = {'true': 'false', 'false': 'true', '&&': '||', '||': '&&'}
+
+
+def candidates(path):
+    text = (ROOT / path).read_text(encoding='utf-8')
+    masked, literals = mask_code(text)
+    found = []
+    line_start = [0]
+    for m in re.finditer('\n', text):
+        line_start.append(m.end())
+    lines, code_lines = text.split('\n'), masked.split('\n')
+    scopes = []  # one entry per open brace: 'code', 'scope' or 'init'
+    previous_end = ';'
+    for number, (line, code) in enumerate(zip(lines, code_lines), 1):
+        stripped = code.strip()
+        in_table = bool(scopes) and scopes[-1] == 'init'  # the rows of a table are data, not code
+        # Operator declarations would only give mutants that don't build.
+        if stripped and not stripped.startswith('#') and 'operator' not in code and not in_table:
+            statement_place = 'code' in scopes and previous_end in ';{}:)'
+            found += line_mutants(path, number, line, code, stripped, statement_place)
+            base = line_start[number - 1]
+            for start, end in literals:
+                if base <= start < base + len(line) and MESSAGE.match(text[start:end]):
+                    col = start - base
+                    first = line[col]
+                    found.append(Mutant(path, number, col, first, first.swapcase(), 'message', line))
+        if stripped and not stripped.startswith('#'):
+            previous_end = ')' if stripped == 'else' else stripped[-1]
+        for p, ch in enumerate(code):
+            if ch == '{':
+                scopes.append('init' if in_table else brace_kind(code, p))
+            elif ch == '}' and scopes:
+                scopes.pop()
+    return found
+
+
+def brace_kind(code, at):
+    """What a brace opens: a namespace or class body, a brace initialiser, or a block of code."""
+    if SCOPE.match(code):
+        return 'scope'
+    return 'init' if INITIALISER.search(code[:at]) else 'code'
+
+
+def line_mutants(path, number, line, code, stripped, statement_place):
+    found = []
+    for m in COMPARISON.finditer(code):
+        op = m.group(0)
+        found.append(Mutant(path, number, m.start(), op, FLIP[op], 'comparison', line))
+    for m in BOOLEAN.finditer(code):
+        found.append(Mutant(path, number, m.start(), m.group(0), SWAP[m.group(0)], 'boolean', line))
+    for m in NUMBER.finditer(code):
+        digits, suffix = m.group(1), m.group(2)
+        base = 16 if digits.startswith('0x') else 8 if digits.startswith('0') and len(digits) > 1 else 10
+        value = int(digits, base)
+        spell = {16: lambda v: '0x' + format(v, f'0{len(digits) - 2}{"X" if digits[2:].isupper() else "x"}'),
+                 8: lambda v: '0' + format(v, 'o'), 10: str}[base]
+        changed = [(value - 1 if value else 1, 'off-by-one')]
+        if value > 1:
+            changed.append((0, 'constant'))
+        for new, kind in changed:
+            found.append(Mutant(path, number, m.start(), m.group(0), spell(new) + suffix, kind, line))
+    if statement_place and not NOT_STATEMENT.match(stripped) and stripped.count('(') == stripped.count(')'):
+        if ASSIGNMENT.match(stripped) or CALL.match(stripped) or INCREMENT.match(stripped):
+            col = len(line) - len(line.lstrip())
+            statement = line[col:col + len(stripped)]
+            found.append(Mutant(path, number, col, statement, ';', 'statement', line))
+    return found
+
+
+def source_files(pattern):
+    names = subprocess.run(['git', 'ls-files', 'src', 'inet/src'], cwd=ROOT, check=True,
+                           capture_output=True, text=True).stdout.split()
+    return [n for n in names if n.endswith(('.cpp', '.h')) and '/win32/' not in n
+            and folder_of(n) and (not pattern or fnmatch.fnmatch(n, pattern))]
+
+
+def folder_of(path):
+    return next((f for f in FOLDERS if path.startswith(f + '/')), None)
+
+
+def sample(pattern, count, seed):
+    """Draws the mutants folder by folder: each folder gets its share of the candidates, but at least
+    a twentieth of the sample where it has that many, so that small folders get a rate too."""
+    pool = defaultdict(list)
+    for path in source_files(pattern):
+        for m in candidates(path):
+            pool[folder_of(m.path)].append(m)
+    total = sum(len(ms) for ms in pool.values())
+    count = min(count, total)
+    quota = {f: min(len(ms), count // 20) for f, ms in pool.items()}
+    spare = count - sum(quota.values())
+    room = {f: len(ms) - quota[f] for f, ms in pool.items()}
+    for f in pool:
+        quota[f] += spare * room[f] // max(1, sum(room.values()))
+    for f in sorted(pool, key=lambda f: -room[f]):  # what rounding left over goes to the largest
+        if sum(quota.values()) < count and quota[f] < len(pool[f]):
+            quota[f] += 1
+    draw = random.Random(seed)
+    chosen = [m for f in sorted(pool) for m in draw.sample(pool[f], quota[f])]
+    return sorted(chosen, key=lambda m: (m.path, m.line, m.col, m.new)), total
+
+
+def apply(text, mutant):
+    lines = text.split('\n')
+    line = lines[mutant.line - 1]
+    assert line[mutant.col:mutant.col + len(mutant.old)] == mutant.old, mutant
+    lines[mutant.line - 1] = line[:mutant.col] + mutant.new + line[mutant.col + len(mutant.old):]
+    return '\n'.join(lines)
+
+# --- running them -----------------------------------------------------------------------------
+
+def configure():
+    flags = ['-G', 'Ninja', '-DCMAKE_BUILD_TYPE=Debug', '-DCMAKE_CXX_FLAGS_DEBUG=-O0',
+             '-DCMAKE_C_FLAGS_DEBUG=-O0', '-DQORXMLU_BUILD_TESTS=ON', '-DQORXMLU_INSTALL=OFF',
+             '-DCMAKE_LINK_DEPENDS_NO_SHARED=ON', '-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=gold',
+             '-DCMAKE_SHARED_LINKER_FLAGS=-fuse-ld=gold']
+    subprocess.run(['cmake', '-S', str(ROOT), '-B', str(BUILD)] + flags, check=True,
+                   stdout=subprocess.DEVNULL)
+
+
+def build(targets):
+    result = subprocess.run(['ninja', '-C', str(BUILD), '-j2'] + targets,
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    return result.returncode == 0, result.stdout
+
+
+def start(entry):
+    name, _, skip = entry.partition(' ')
+    command = [str(BUILD / PROGRAMS[name]), '--gtest_fail_fast']
+    if skip:
+        command.append('--gtest_filter=' + skip)
+    return subprocess.Popen(command, cwd=BUILD, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                            start_new_session=True)
+
+
+def tests_pass(entries, limits):
+    """Runs the programs side by side; False as soon as one fails, crashes or overruns its limit."""
+    began = time.monotonic()
+    running = {entry: start(entry) for entry in entries}
+    try:
+        while running:
+            time.sleep(0.02)
+            for entry, process in list(running.items()):
+                code = process.poll()
+                if code is None and time.monotonic() - began < limits.get(entry, TEST_TIMEOUT):
+                    continue
+                if code != 0:
+                    return False
+                del running[entry]
+        return True
+    finally:
+        for process in running.values():
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGKILL)
+            process.wait()
+
+
+def time_limits(entries):
+    """Runs each program once on the unchanged tree; a mutant may take four times as long."""
+    limits = {}
+    for entry in sorted(entries):
+        began = time.monotonic()
+        if not tests_pass([entry], {}):
+            sys.exit(f'mutate: {entry} fails on the unchanged tree')
+        limits[entry] = min(TEST_TIMEOUT, max(10, 4 * (time.monotonic() - began)))
+    return limits
+
+
+def programs(folder):
+    return [entry.partition(' ')[0] for entry in FOLDERS[folder]]
+
+
+def targets_of(folder):
+    return BUILD_TARGETS.get(folder, programs(folder))
+
+
+def run(mutants, report_path):
+    configure()
+    folders = sorted({folder_of(m.path) for m in mutants})
+    everything = sorted({t for f in folders for t in targets_of(f) + programs(f)})
+    ok, log = build(everything)
+    if not ok:
+        sys.exit('mutate: the unchanged tree does not build:\n' + log[-3000:])
+    limits = time_limits({entry for f in folders for entry in FOLDERS[f]})
+
+    outcomes = []
+    originals = {}  # the text of each file before its first mutant
+    committed = {m.path for m in mutants if not git_differs(m.path)}
+    started = time.monotonic()
+    try:
+        for i, m in enumerate(mutants, 1):
+            file = ROOT / m.path
+            original = originals.setdefault(m.path, file.read_text(encoding='utf-8'))
+            folder = folder_of(m.path)
+            try:
+                PENDING.write_text(json.dumps({'path': m.path, 'text': original}), encoding='utf-8')
+                file.write_text(apply(original, m), encoding='utf-8')
+                built, _ = build(targets_of(folder))
+                outcome = 'not-built' if not built else \
+                    'survived' if tests_pass(FOLDERS[folder], limits) else 'killed'
+            finally:
+                file.write_text(original, encoding='utf-8')
+                PENDING.unlink(missing_ok=True)
+            outcomes.append((m, outcome))
+            print(f'[{i}/{len(mutants)} {time.monotonic() - started:5.0f}s] {outcome:9} {describe(m)}',
+                  flush=True)
+    finally:
+        for path, text in originals.items():
+            if (ROOT / path).read_text(encoding='utf-8') != text:
+                (ROOT / path).write_text(text, encoding='utf-8')
+        dirty = [p for p in originals if p in committed and git_differs(p)]
+        if dirty:
+            sys.exit('mutate: these files were not restored: ' + ' '.join(dirty))
+    # Leave the build as the tree is, so the next run starts from unchanged objects.
+    build(everything)
+    report = summary(outcomes, time.monotonic() - started)
+    report_path.write_text(report, encoding='utf-8')
+    print(report, end='')
+    print(f'(written to {report_path.relative_to(ROOT)})')
+
+
+def restore_pending():
+    if PENDING.exists():
+        saved = json.loads(PENDING.read_text(encoding='utf-8'))
+        (ROOT / saved['path']).write_text(saved['text'], encoding='utf-8')
+        PENDING.unlink()
+        print(f'mutate: restored {saved["path"]}, left under a mutant by a run that was killed', file=sys.stderr)
+
+
+def git_differs(path):
+    return subprocess.run(['git', 'diff', '--quiet', '--', path], cwd=ROOT).returncode != 0
+
+
+def describe(m):
+    line = m.source.strip()
+    if m.kind == 'statement':
+        return f'{m.path}:{m.line}: {line} -> (dropped)'
+    mutated = apply(m.source, m._replace(line=1)).strip()
+    return f'{m.path}:{m.line}: {line} -> {mutated}'
+
+
+def summary(outcomes, seconds):
+    counts = defaultdict(Counter)
+    for m, outcome in outcomes:
+        counts[folder_of(m.path)][outcome] += 1
+    lines = [f'{"folder":<16} {"killed":>6} {"built":>6} {"rate":>6} {"not built":>9}']
+    total = Counter()
+    for folder in FOLDERS:
+        c = counts.get(folder)
+        if not c:
+            continue
+        total.update(c)
+        lines.append(row(folder, c))
+    lines.append(row('all', total))
+    lines.append(f'{len(outcomes)} mutants in {seconds / 60:.1f} min')
+    survivors = [describe(m) for m, outcome in outcomes if outcome == 'survived']
+    lines.append(f'survivors ({len(survivors)}):')
+    lines += survivors
+    return '\n'.join(lines) + '\n'
+
+
+def row(name, c):
+    built = c['killed'] + c['survived']
+    rate = f'{100 * c["killed"] / built:.0f}%' if built else '-'
+    return f'{name:<16} {c["killed"]:>6} {built:>6} {rate:>6} {c["not-built"]:>9}'
+
+
+def main():
+    parser = argparse.ArgumentParser(prog='./dev mutate', description=__doc__.split('\n')[0])
+    parser.add_argument('--sample', type=int, default=200, help='how many mutants (default 200)')
+    parser.add_argument('--files', help="only sources matching this glob, e.g. 'src/xml/*'")
+    parser.add_argument('--seed', type=int, default=1, help='picks the sample (default 1)')
+    parser.add_argument('--list', action='store_true', help='print the sampled mutants and stop')
+    args = parser.parse_args()
+    # Ended from outside, the run still restores its file on the way out (Ctrl-C does so anyway).
+    for ending in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(ending, lambda number, frame: sys.exit(128 + number))
+    restore_pending()
+    mutants, pool = sample(args.files, args.sample, args.seed)
+    if args.list:
+        for m in mutants:
+            print(f'{describe(m)}  [{m.kind}]')
+        print(f'{len(mutants)} of {pool} candidates (seed {args.seed})')
+        return
+    if not mutants:
+        sys.exit('mutate: no candidates')
+    BUILD.mkdir(parents=True, exist_ok=True)
+    run(mutants, BUILD / 'report.txt')
+
+
+if __name__ == '__main__':
+    main()
