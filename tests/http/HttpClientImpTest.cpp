@@ -172,36 +172,30 @@ TEST_F(EngineTest, ConnectPassesTheOwnersSettings) {
 }
 
 TEST_F(EngineTest, ConnectFailuresLeaveNothingOpen) {
-  fake->Script(Api::InternetOpenW, FakeCall::Fail(12004));
-  EXPECT_EQ(TakeText(engine->Connect()), "Error opening Internet");
-  EXPECT_EQ(fake->OpenHandles(), 0);
-
-  Fresh();
-  fake->Script(Api::InternetSetStatusCallbackW, FakeCall::Fail(12004));
-  EXPECT_EQ(TakeText(engine->Connect()), "Error setting callback for Internet");
-  EXPECT_EQ(fake->OpenHandles(), 0);
-
-  Fresh();
-  fake->Script(Api::InternetConnectW, FakeCall::Fail(12029));
-  EXPECT_EQ(TakeText(engine->Connect()), "Can't connect to web site: CANNOT CONNECT");
-  EXPECT_EQ(fake->OpenHandles(), 0);
-  EXPECT_LT(Position("InternetSetStatusCallbackW null"), Position("InternetCloseHandle root"));
-
-  Fresh();
-  fake->Script(Api::InternetConnectW, FakeCall::Pend(5, 12007));
-  EXPECT_EQ(TakeText(engine->Connect()),
-            "Error connecting to web site: Problem accessing the Internet. UNRESOLVED URL");
-  EXPECT_EQ(fake->OpenHandles(), 0);
-
-  Fresh();
-  owner->connectTimeout = 60;
-  fake->Script(Api::InternetConnectW, FakeCall::Hang());
-  EXPECT_EQ(TakeText(engine->Connect()), "Timed out connecting to web site.");
-
-  Fresh();
-  fake->Script(Api::InternetConnectW, FakeCall::Hang());
-  FailingWaits failing(1);
-  EXPECT_EQ(TakeText(engine->Connect()), "Failed connecting to web site.");
+  struct {
+    Api api;
+    FakeCall call;
+    int failedWaits;
+    const char* words;
+  } cases[] = {
+      {Api::InternetOpenW, FakeCall::Fail(12004), 0, "Error opening Internet"},
+      {Api::InternetSetStatusCallbackW, FakeCall::Fail(12004), 0, "Error setting callback for Internet"},
+      {Api::InternetConnectW, FakeCall::Fail(12029), 0, "Can't connect to web site: CANNOT CONNECT"},
+      {Api::InternetConnectW, FakeCall::Pend(5, 12007), 0,
+       "Error connecting to web site: Problem accessing the Internet. UNRESOLVED URL"},
+      {Api::InternetConnectW, FakeCall::Hang(), 0, "Timed out connecting to web site."},
+      {Api::InternetConnectW, FakeCall::Hang(), 1, "Failed connecting to web site."},
+  };
+  for (auto& entry : cases) {
+    Fresh();
+    owner->connectTimeout = 60;
+    fake->Script(entry.api, std::move(entry.call));
+    FailingWaits failing(entry.failedWaits);
+    EXPECT_EQ(TakeText(engine->Connect()), entry.words);
+    EXPECT_EQ(fake->OpenHandles(), 0) << entry.words;
+    if (entry.api == Api::InternetConnectW)
+      EXPECT_LT(Position("InternetSetStatusCallbackW null"), Position("InternetCloseHandle root")) << entry.words;
+  }
 }
 
 TEST_F(EngineTest, CloseFailuresForgetTheHandle) {
@@ -284,6 +278,9 @@ TEST_F(EngineTest, WritesGoInChunksAndShortWritesContinueWhereTheyStopped) {
   EXPECT_EQ(fake->Requests().at(2).writesOffered, (std::vector<::DWORD>(5, 200)));
   ASSERT_EQ(owner->updates.size(), 5u);
   EXPECT_EQ(owner->updates.back(), (std::pair<std::size_t, std::size_t>{1000, 1000}));
+  owner->progressInterval = 0; // taken as 1 ms
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Requests().at(3).writesOffered, (std::vector<::DWORD>(50, 20)));
 }
 
 TEST_F(EngineTest, HeaderCallReplacesThenAdds) {

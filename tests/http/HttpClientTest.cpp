@@ -144,19 +144,6 @@ TEST_F(ClientTest, RetrieveBase64) {
   delete[] buffer;
 }
 
-TEST_F(ClientTest, WatchdogEndsARequestThatTakesTooLongInAll) {
-  // Every single wait is shorter than the limit; together they are longer.
-  client.requestTimeout = 150;
-  fake.SetReply("abcdef");
-  for (int i = 0; i < 6; ++i) {
-    FakeCall read = FakeCall::Pend(60);
-    read.bytes = 1;
-    fake.Script(Api::InternetReadFileExA, std::move(read));
-  }
-  EXPECT_EQ(Retrieve(), "Error reading requested data: OPERATION CANCELLED");
-  EXPECT_TRUE(client.RequestCancelled());
-}
-
 TEST_F(ClientTest, CancelFromAnotherThreadInEachStage) {
   struct {
     Api api;
@@ -234,16 +221,9 @@ TEST_F(ClientTest, ProgressWithTooSmallATotalFollowsTheBytes) {
   EXPECT_EQ(Retrieve(), "");
   EXPECT_FALSE(client.RequestCancelled());
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  {
-    std::lock_guard<std::mutex> hold(client.lock);
-    ASSERT_FALSE(client.percents.empty());
-    EXPECT_EQ(client.percents.back(), 100);
-  }
-  // No interval at all is the same as 1 ms, not a division by zero.
-  client.progressTotal = 100000;
-  client.progressInterval = 0;
-  client.requestTimeout = 2000;
-  EXPECT_EQ(Retrieve(), "");
+  std::lock_guard<std::mutex> hold(client.lock);
+  ASSERT_FALSE(client.percents.empty());
+  EXPECT_EQ(client.percents.back(), 100);
 }
 
 TEST(ClientLimitsTest, TimeLimitsTooLongForMillisecondsMeanNoLimit) {

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace QOR {
 namespace {
@@ -42,80 +44,58 @@ protected:
   test::TempDir folder;
 };
 
-TEST_F(RequestBodyTest, FieldsAndFileByteForByte) {
-  std::filesystem::create_directories(folder.Path("temp"));
-  String path = folder.Write("temp/abc.txt", "abc");
-  client.AddFormField(u"id", u"7");
-  client.AddFormField(u"skip", u"");
-  client.AddFormField(u"note", u"hi");
-  client.SetUploadFile(path, u"userfile");
-  EXPECT_EQ(Body(), TextPart("id", "7") + "\r\n" + TextPart("note", "hi") + "\r\n" + FileHead("userfile", "abc.txt") +
-                        "abc" + closing);
-  // The form is consumed with the body.
-  EXPECT_EQ(client.formNames.Size(), 0u);
-  EXPECT_TRUE(client.uploadFile.IsEmpty());
-  EXPECT_EQ(Body(), closing);
-}
-
-TEST_F(RequestBodyTest, LineEndsFollowTheFieldIndexNotThePartsWritten) {
-  EXPECT_EQ(Body(), closing);
-  client.AddFormField(u"a", u"");
-  client.AddFormField(u"b", u"");
-  EXPECT_EQ(Body(), closing);
-  client.AddFormField(u"empty", u"");
-  client.AddFormField(u"b", u"2");
-  EXPECT_EQ(Body(), "\r\n" + TextPart("b", "2") + closing);
-
-  String path = folder.Write("f.bin", "x");
-  client.SetUploadFile(path, u"up");
-  EXPECT_EQ(Body(), FileHead("up", "f.bin") + "x" + closing);
-  client.AddFormField(u"empty", u"");
-  client.SetUploadFile(path, u"up");
-  EXPECT_EQ(Body(), "\r\n" + FileHead("up", "f.bin") + "x" + closing);
-}
-
-TEST_F(RequestBodyTest, FileBytesPassUnchanged) {
+// Each row is one form, consumed by the body before the next; a file is written under its name.
+TEST_F(RequestBodyTest, FormsByteForByte) {
   const char raw[] = "\0\r\n--gc0p4Jq0M2Yt08jU534c0p\xff";
-  std::string bytes(raw, sizeof raw - 1);
-  client.SetUploadFile(folder.Write("zeros.bin", bytes), u"");
-  EXPECT_EQ(Body(), FileHead("", "zeros.bin") + bytes + closing);
-  client.SetUploadFile(folder.Write("empty.bin", ""), u"p");
-  EXPECT_EQ(Body(), FileHead("p", "empty.bin") + closing);
+  const std::string binary(raw, sizeof raw - 1);
+  struct Row {
+    std::vector<std::pair<const char16_t*, const char16_t*>> fields;
+    const char* file;
+    std::string bytes;
+    const char16_t* param;
+    std::string body;
+  } rows[] = {
+      {{{u"id", u"7"}, {u"skip", u""}, {u"note", u"hi"}}, "abc.txt", "abc", u"userfile",
+       TextPart("id", "7") + "\r\n" + TextPart("note", "hi") + "\r\n" + FileHead("userfile", "abc.txt") + "abc" + closing},
+      {{}, nullptr, "", nullptr, closing},
+      // Line ends follow the field index, not the parts written.
+      {{{u"a", u""}, {u"b", u""}}, nullptr, "", nullptr, closing},
+      {{{u"empty", u""}, {u"b", u"2"}}, nullptr, "", nullptr, "\r\n" + TextPart("b", "2") + closing},
+      {{}, "f.bin", "x", u"up", FileHead("up", "f.bin") + "x" + closing},
+      {{{u"empty", u""}}, "f.bin", "x", u"up", "\r\n" + FileHead("up", "f.bin") + "x" + closing},
+      // File bytes pass unchanged; text goes out as UTF-8 without escapes.
+      {{}, "zeros.bin", binary, u"", FileHead("", "zeros.bin") + binary + closing},
+      {{}, "empty.bin", "", u"p", FileHead("p", "empty.bin") + closing},
+      {{{u"n\u00e4me\"", u"v\u20acl\r\nue"}}, "u.txt", "1", u"f\u00fc",
+       TextPart("n\xc3\xa4me\"", "v\xe2\x82\xacl\r\nue") + "\r\n" + FileHead("f\xc3\xbc", "u.txt") + "1" + closing},
+  };
+  for (const Row& row : rows) {
+    for (auto [name, value] : row.fields) client.AddFormField(name, value);
+    if (row.file) client.SetUploadFile(folder.Write(row.file, row.bytes), row.param);
+    EXPECT_EQ(Body(), row.body);
+    EXPECT_EQ(client.formNames.Size(), 0u);
+    EXPECT_TRUE(client.uploadFile.IsEmpty());
+  }
 }
 
-TEST_F(RequestBodyTest, TextGoesOutAsUtf8WithoutEscapes) {
-  client.AddFormField(u"n\u00e4me\"", u"v\u20acl\r\nue");
-  client.SetUploadFile(folder.Write("u.txt", "1"), u"f\u00fc");
-  EXPECT_EQ(Body(), TextPart("n\xc3\xa4me\"", "v\xe2\x82\xacl\r\nue") + "\r\n" + FileHead("f\xc3\xbc", "u.txt") + "1" +
-                        closing);
-}
-
-TEST_F(RequestBodyTest, MissingFileFailsAndStillConsumesTheForm) {
-  client.AddFormField(u"id", u"7");
-  client.SetUploadFile(folder.File("missing.txt"), u"userfile");
-  const char* buffer = reinterpret_cast<const char*>(1);
-  std::size_t length = 99;
-  std::string text = test::TakeText(client.GetRequestBuffer(boundary, buffer, length));
-  EXPECT_NE(text.find("missing.txt"), std::string::npos) << text;
-  EXPECT_EQ(buffer, nullptr);
-  EXPECT_EQ(length, 0u);
-  EXPECT_EQ(client.formNames.Size(), 0u);
-  EXPECT_TRUE(client.uploadFile.IsEmpty());
-}
-
-TEST_F(RequestBodyTest, BodyOf4GiBIsRefusedBeforeTheFileIsRead) {
-  // Sparse: the file takes no room, and it is never read. Its size alone, with the headers, makes
-  // the body 4 GiB; a 32-bit count would wrap to a few hundred bytes.
-  String path = folder.Write("big.bin", "");
+// A missing file, and one whose size alone with the headers makes the body 4 GiB (sparse: it
+// takes no room and is never read; a 32-bit count would wrap to a few hundred bytes).
+TEST_F(RequestBodyTest, FormThatCannotBeSentFailsAndIsStillConsumed) {
+  folder.Write("big.bin", "");
   std::filesystem::resize_file(folder.Path("big.bin"), 0xFFFFFFFFull - 100);
-  client.AddFormField(u"id", u"7");
-  client.SetUploadFile(path, u"userfile");
-  const char* buffer = reinterpret_cast<const char*>(1);
-  std::size_t length = 99;
-  EXPECT_EQ(test::TakeText(client.GetRequestBuffer(boundary, buffer, length)), "Request body too large: 4 GiB or more");
-  EXPECT_EQ(buffer, nullptr);
-  EXPECT_EQ(length, 0u);
-  EXPECT_EQ(client.formNames.Size(), 0u);
+  for (const char* file : {"missing.txt", "big.bin"}) {
+    client.AddFormField(u"id", u"7");
+    client.SetUploadFile(folder.File(file), u"userfile");
+    const char* buffer = reinterpret_cast<const char*>(1);
+    std::size_t length = 99;
+    std::string text = test::TakeText(client.GetRequestBuffer(boundary, buffer, length));
+    EXPECT_NE(text.find(file[0] == 'm' ? "missing.txt" : "Request body too large: 4 GiB or more"), std::string::npos)
+        << text;
+    EXPECT_EQ(buffer, nullptr);
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(client.formNames.Size(), 0u);
+    EXPECT_TRUE(client.uploadFile.IsEmpty());
+  }
 }
 
 } // namespace

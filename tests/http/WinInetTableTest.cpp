@@ -67,6 +67,11 @@ TEST_F(WinInetTableTest, ModuleThatCannotBeLoaded) {
   // The folder of the library is tried before the plain name.
   ASSERT_FALSE(StandInModule::loads.empty());
   EXPECT_EQ(StandInModule::loads.back(), platform::WinInetModuleName().ToUtf8());
+  // The system loader leaves the Win32 codes of its failures behind.
+  EXPECT_EQ(SystemModuleLoader().load(String(u"qorxmlu-no-such-module")), nullptr);
+  EXPECT_EQ(platform::GetLastError(), 126u);
+  EXPECT_EQ(SystemModuleLoader().find(nullptr, "InternetOpenW"), nullptr);
+  EXPECT_EQ(platform::GetLastError(), 127u);
 }
 
 TEST_F(WinInetTableTest, EachMissingEntryPointStopsTheLoadWithItsMessage) {

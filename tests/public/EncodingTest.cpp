@@ -133,6 +133,7 @@ TEST(EncodingTest, MarksAndTerminators) {
   EXPECT_EQ(EncodeToUTF8(String(), nullptr, false), 1u);
   EXPECT_EQ(EncodeToUTF8(String(u"é"), nullptr, true), 6u);
   EXPECT_EQ(Encode(u"é", true), "\xEF\xBB\xBF\xC3\xA9");
+  EXPECT_EQ(Encode(u"\u07FF\u0800"), "\xDF\xBF\xE0\xA0\x80"); // the last 2-byte and the first 3-byte form
   String embedded(std::u16string(u"a\0b", 3));
   EXPECT_EQ(Encode(embedded.Std()), std::string("a\0b", 3));
 
@@ -168,7 +169,8 @@ TEST(EncodingTest, Base64DecodesWhatIsValid) {
   EXPECT_EQ(Base64(""), "");
   EXPECT_EQ(Base64("-_-_"), Base64("+/+/"));    // URL alphabet
   EXPECT_EQ(Base64("////"), "\xFF\xFF\xFF");
-  EXPECT_EQ(Base64DecodeBuffer("TWFu\0TWFu", 9, std::vector<char>(8).data()), 6u);
+  std::vector<char> out(8);
+  EXPECT_EQ(std::string(out.data(), Base64DecodeBuffer("TWFu\0TWFu", 9, out.data())), "ManMan"); // NUL is junk
 }
 
 } // namespace

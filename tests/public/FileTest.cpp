@@ -100,6 +100,10 @@ TEST(LineReaderTest, LinesLongerThanTheReadBlockAndTheLimit) {
   EXPECT_NE(error->Text().Find(u"Line too long"), -1);
   EXPECT_EQ(lines, (Lines{u"a"}));
   delete error;
+  error = nullptr;
+  EXPECT_EQ(ReadLines(dir.Write("edge", "abc\nabcd\n"), 3, &error), (Lines{u"abc"})); // the limit itself is allowed
+  EXPECT_NE(error, nullptr);
+  delete error;
 }
 
 TEST(FileTest, MissingFileNamesPathAndReason) {
@@ -113,6 +117,9 @@ TEST(FileTest, MissingFileNamesPathAndReason) {
   LineParsableFile lines(path);
   std::unique_ptr<ErrorInfo> lineError(lines.Open());
   EXPECT_NE(lineError, nullptr);
+  ReadableFile folder(dir.File("."));
+  std::unique_ptr<ErrorInfo> folderError(folder.Open());
+  EXPECT_NE(folderError, nullptr);
 }
 
 TEST(FileTest, ReadsExactlyOrReportsTheShortRead) {
@@ -177,8 +184,10 @@ TEST(FileTest, WritingWhereNoFileCanBeGivesAnError) {
   std::unique_ptr<ErrorInfo> error(file.Open(false));
   ASSERT_NE(error, nullptr);
   EXPECT_NE(error->Text().Find(u"out.txt"), -1);
+  file.text << u"x";
   std::unique_ptr<ErrorInfo> flush(file.FlushFile(false, BaseFile::UTF8));
-  EXPECT_NE(flush, nullptr);
+  ASSERT_NE(flush, nullptr);
+  EXPECT_NE(flush->Text().Find(u"Can't write unopened file"), -1);
 }
 
 TEST(ParsableTextTest, WordsAndSeparators) {

@@ -76,6 +76,15 @@ TEST_F(SafeTraceTest, WritesTheExactLines) {
             "Leaving Gr\xc3\xbc\xc3\x9f" "e::\xe6\x97\xa5\r\n"
             "Entering Host::Fails\r\n"
             "Leaving Host::Fails\r\n");
+
+  // Lines around and over the size that still fits on the stack.
+  std::string expected = TraceFile();
+  for (std::size_t units : {339u, 340u, 341u, 342u, 1000u}) {
+    SafeTrace::Trace(String(std::u16string(units, u'\u20ac')));
+    for (std::size_t i = 0; i < units; ++i) expected += "\xe2\x82\xac";
+    expected += "\r\n";
+  }
+  EXPECT_EQ(TraceFile(), expected);
 }
 
 TEST_F(SafeTraceTest, LinesOfManyThreadsNeverMix) {

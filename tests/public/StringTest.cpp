@@ -6,20 +6,39 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <string>
+#include <string_view>
 
 namespace QOR {
 namespace {
 
 TEST(StringTest, ConstructsFromEveryHostForm) {
-  EXPECT_EQ(String(u"abc").Len(), 3u);
-  EXPECT_EQ(String(L"abc"), String(u"abc"));
-  EXPECT_EQ(String(L"\U0001F600").Len(), 2u); // one code point outside the BMP is a surrogate pair
+  const String expected(u"Grüße");
+  const std::string utf8 = "Grüße";
+  for (const String& text : {String("Grüße"), String(utf8), String(std::string_view(utf8)), String(u8"Grüße"),
+                             String(std::u8string_view(u8"Grüße")), String(L"Grüße"), String(u"Grüße und mehr", 5),
+                             String::FromUtf8("Gr\xC3\xBC\xC3\x9F" "e")})
+    EXPECT_EQ(text, expected);
+  EXPECT_EQ(expected.ToUtf8(), utf8);
+  EXPECT_TRUE(String(static_cast<const char*>(nullptr)).IsEmpty());
   EXPECT_TRUE(String(static_cast<const char16_t*>(nullptr)).IsEmpty());
   EXPECT_TRUE(String(static_cast<const wchar_t*>(nullptr)).IsEmpty());
-  String fromUtf8 = String::FromUtf8("Gr\xC3\xBC\xC3\x9F" "e \xF0\x9F\x98\x80");
-  EXPECT_EQ(fromUtf8, String(u"Grüße 😀"));
-  EXPECT_EQ(fromUtf8.ToUtf8(), "Gr\xC3\xBC\xC3\x9F" "e \xF0\x9F\x98\x80");
-  EXPECT_EQ(String(u"x\U0001F600").ToWide(), std::wstring(L"x\U0001F600"));
+  EXPECT_EQ(String("\xff"), String(u"\ufffd")) << "bad UTF-8 decodes to U+FFFD";
+  EXPECT_EQ(String::FromAscii("plain"), u"plain");
+  String text;
+  text = "ä";
+  EXPECT_EQ(text, u"ä");
+  text = L"ö";
+  text += "ü";
+  text << "!" << String(u"?");
+  EXPECT_EQ(text, u"öü!?");
+  // Beyond the BMP: a surrogate pair in the String, one unit in a 4-byte wchar_t.
+  EXPECT_EQ(String(L"\U0001F600").Len(), 2u);
+  EXPECT_EQ(String(L"x\U0001F600\U0010FFFF"), String(u"x\U0001F600\U0010FFFF"));
+  EXPECT_EQ(String(u"x\U0001F600\U0010FFFF").ToWide(), std::wstring(L"x\U0001F600\U0010FFFF"));
+  if constexpr (sizeof(wchar_t) == 4) { // an unpaired surrogate has no UTF-32 form
+    EXPECT_EQ(String(u"a\xDBFF" u"b\xDC00").ToWide(), std::wstring(L"a\xFFFD" L"b\xFFFD"));
+  }
 }
 
 TEST(StringTest, SubstringsAndSearch) {
@@ -52,7 +71,9 @@ TEST(StringTest, TrimsBlanksInPlace) {
 TEST(StringTest, AppendsNumbersAndLineEnds) {
   String text;
   text << u"n=" << -42 << u" u=" << 4000000000u << u" l=" << LONG_MIN << newline;
-  EXPECT_EQ(text, String(u"n=-42 u=4000000000 l=") + String::FromUtf8(std::to_string(LONG_MIN)) + u"\r\n");
+  text << (-9223372036854775807LL - 1) << u" " << 18446744073709551615ULL << u" " << 4000000000UL;
+  EXPECT_EQ(text, String(u"n=-42 u=4000000000 l=") + String::FromUtf8(std::to_string(LONG_MIN)) +
+                      u"\r\n-9223372036854775808 18446744073709551615 4000000000");
 }
 
 TEST(StringTest, FormatsDoublesWithManipulatorsForOneNumberOnly) {
@@ -72,6 +93,9 @@ TEST(StringTest, FormatsDoublesWithManipulatorsForOneNumberOnly) {
   String padded;
   padded << whole(3) << dec(1) << 7.25;
   EXPECT_EQ(padded, String(u"007.2"));
+  String formatted;
+  formatted.AppendDouble(2.5, DoubleFormat() += dec(3));
+  EXPECT_EQ(formatted, u"2.500");
 }
 
 TEST(StringTest, ConvertsNumbersAndLeavesTargetOnBadText) {
@@ -99,6 +123,17 @@ TEST(StringTest, ConvertsNumbersAndLeavesTargetOnBadText) {
   EXPECT_EQ(d, -0.5);
   String(u"e5") >> d;
   EXPECT_EQ(d, -0.5);
+  long long wide = 0;
+  unsigned long long widest = 0;
+  unsigned long large = 0;
+  String(u"-9223372036854775808") >> wide;
+  String(u"18446744073709551615") >> widest;
+  String(u"4000000000") >> large;
+  EXPECT_EQ(wide, -9223372036854775807LL - 1);
+  EXPECT_EQ(widest, 18446744073709551615ULL);
+  EXPECT_EQ(large, 4000000000UL);
+  String(u"18446744073709551616") >> widest;
+  EXPECT_EQ(widest, 18446744073709551615ULL);
 }
 
 TEST(StringTest, ComparesExactly) {

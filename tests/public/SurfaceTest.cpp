@@ -1,6 +1,6 @@
 // The public operations that the behaviour tests of this folder do not need on their way, each
-// called as a host calls it, through the shared library, and its result checked: text in every
-// form a host holds it, the tag's typed values, and the request body's size.
+// called as a host calls it, through the shared library, and its result checked: the request
+// body's size, raw files, the engine's factory and the query's accessors.
 #include <qorxmlu/qorxmlu.h>
 
 #include "StringPrinter.h"
@@ -13,88 +13,6 @@
 
 namespace QOR {
 namespace {
-
-TEST(SurfaceTest, TextGoesInAsAHostHoldsIt) {
-  const String expected(u"Grüße");
-  const std::string utf8 = "Grüße";
-  EXPECT_EQ(String("Grüße"), expected);
-  EXPECT_EQ(String(utf8), expected);
-  EXPECT_EQ(String(std::string_view(utf8)), expected);
-  EXPECT_EQ(String(u8"Grüße"), expected);
-  EXPECT_EQ(String(std::u8string_view(u8"Grüße")), expected);
-  EXPECT_EQ(String(L"Grüße"), expected);
-  EXPECT_EQ(String(u"Grüße und mehr", 5), expected);
-  EXPECT_EQ(String(static_cast<const char*>(nullptr)), String());
-  EXPECT_EQ(String("\xff"), String(u"\ufffd")) << "bad UTF-8 decodes to U+FFFD";
-  EXPECT_EQ(String::FromAscii("plain"), u"plain");
-  String text;
-  text = "ä";
-  EXPECT_EQ(text, u"ä");
-  text = L"ö";
-  text += "ü";
-  text << "!" << String(u"?");
-  EXPECT_EQ(text, u"öü!?");
-  EXPECT_EQ(text.ToUtf8(), "öü!?");
-  // Where a String goes in, a literal or a std::string does too.
-  XML doc("Settings", utf8);
-  EXPECT_EQ(doc.TopTag()->GetName(), u"Settings");
-  EXPECT_EQ(doc.TopTag()->NestTag("Item", "1", "id", utf8)->GetAttrVal(0), expected);
-}
-
-TEST(SurfaceTest, WideIntegersAndFormattedDoublesBothWays) {
-  String text;
-  text << (-9223372036854775807LL - 1) << u" " << 18446744073709551615ULL << u" " << 4000000000UL;
-  EXPECT_EQ(text, u"-9223372036854775808 18446744073709551615 4000000000");
-  long long wide = 0;
-  unsigned long long widest = 0;
-  unsigned long large = 0;
-  String(u"-9223372036854775808") >> wide;
-  String(u"18446744073709551615") >> widest;
-  String(u"4000000000") >> large;
-  EXPECT_EQ(wide, -9223372036854775807LL - 1);
-  EXPECT_EQ(widest, 18446744073709551615ULL);
-  EXPECT_EQ(large, 4000000000UL);
-  String(u"18446744073709551616") >> widest;
-  EXPECT_EQ(widest, 18446744073709551615ULL) << "out of range leaves the target";
-  String formatted;
-  formatted.AppendDouble(2.5, DoubleFormat() += dec(3));
-  EXPECT_EQ(formatted, u"2.500");
-}
-
-TEST(SurfaceTest, TagValuesOfEveryType) {
-  XML doc("T");
-  XMLTag& tag = *doc.TopTag();
-  struct {
-    void (*set)(XMLTag&);
-    const char16_t* value;
-  } rows[] = {{[](XMLTag& t) { t << "Grüße"; }, u"Grüße"},
-              {[](XMLTag& t) { t << String(u"s"); }, u"s"},
-              {[](XMLTag& t) { t << L"w"; }, u"w"},
-              {[](XMLTag& t) { t << u"u"; }, u"u"},
-              {[](XMLTag& t) { t << -7L; }, u"-7"},
-              {[](XMLTag& t) { t << 4000000000u; }, u"4000000000"},
-              {[](XMLTag& t) { t << 0.25; }, u"0.25"},
-              {[](XMLTag& t) { t << true; }, u"yes"}};
-  for (const auto& row : rows) {
-    row.set(tag);
-    EXPECT_EQ(tag.GetValue(), row.value);
-  }
-  tag.SetValue(" 12 ");
-  long number = 0;
-  unsigned int count = 0;
-  double real = 0;
-  String text;
-  tag >> number;
-  tag >> count;
-  tag >> real;
-  tag >> text;
-  EXPECT_EQ(number, 12);
-  EXPECT_EQ(count, 12u);
-  EXPECT_EQ(real, 12.0);
-  EXPECT_EQ(text, u" 12 ");
-  tag.SetName("Renamed");
-  EXPECT_EQ(tag.GetName(), u"Renamed");
-}
 
 TEST(SurfaceTest, FormBodySizeIsTheSizeOfTheBodyBuilt) {
   test::TempDir dir;

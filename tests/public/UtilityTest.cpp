@@ -29,6 +29,9 @@ TEST(UtilityTest, ConvertsBetweenCodePages) {
   EXPECT_EQ(Narrow(u"é€", 1252, &usedDefault), "\xE9\x80");
   EXPECT_EQ(usedDefault, 0u);
   EXPECT_EQ(Narrow(u"é", 20127), "?");
+  if constexpr (sizeof(wchar_t) == 4) { // no system code pages here
+    EXPECT_EQ(Narrow(u"x", 932), "<null>");
+  }
   EXPECT_EQ(ConvertToMultibyte(static_cast<const char16_t*>(nullptr), 0, nullptr), nullptr);
 
   EXPECT_EQ(Wide("Gr\xC3\xBC\xC3\x9F" "e", 65001), String(u"Grüße"));
@@ -66,6 +69,9 @@ TEST(UtilityTest, SystemErrorTexts) {
   String text = GetSystemErrMsge(2);
   EXPECT_NE(text.Len(), 0u);
   EXPECT_NE(text[text.Len() - 1], u'\n');
+  if constexpr (sizeof(wchar_t) == 4) { // the texts of our own table, not the system's
+    EXPECT_EQ(GetSystemErrMsge(987654), String(u"Unknown error 987654"));
+  }
 }
 
 } // namespace

@@ -84,6 +84,12 @@ TEST(XMLDeepTest, ADeepTreeIsWrittenAndReadBack) {
   XML back;
   EXPECT_EQ(Outcome(back.ReadText(text)), "");
   EXPECT_EQ(back.GetText(), text);
+  // Over 1 MB, so the file is written block by block.
+  test::TempDir dir;
+  XML fromFile;
+  EXPECT_EQ(Outcome(doc.Write(dir.File("deep.xml"))), "");
+  EXPECT_EQ(Outcome(fromFile.ReadFile(dir.File("deep.xml"))), "");
+  EXPECT_EQ(fromFile.GetText(), text);
 }
 
 } // namespace

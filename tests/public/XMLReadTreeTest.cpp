@@ -96,16 +96,6 @@ TEST(XMLReadTreeTest, TheTopTagOutlivesEveryRead) {
   EXPECT_EQ(Picture(*copy.TopTag()), "Last[kept]");
 }
 
-TEST(XMLReadTreeTest, AFailedReadKeepsWhatItFinished) {
-  XML doc;
-  EXPECT_EQ(Outcome(doc.ReadText(Document({u"<A>", u"<B X=\"1\">", u"<C />", u"<D>", u"<E />", u"</A>"}))),
-            "Badly placed tag end in XML data");
-  EXPECT_EQ(Picture(*doc.TopTag()), "A");
-  EXPECT_EQ(Outcome(doc.ReadText(Document({u"<A>", u"<B />", u"<C>", u"<D />", u"x", u"y", u"</C>", u"</A>"}))),
-            "Missing end tag for XML data");
-  EXPECT_EQ(Picture(*doc.TopTag()), "A{B}");
-}
-
 TEST(XMLReadTreeTest, LongTextsAndManyTagsComeBackWhole) {
   // Texts longer than the storage takes in one piece, before and between many small tags.
   const String longValue(std::u16string(300000, u'x'));

@@ -53,6 +53,7 @@ TEST(XMLReaderTest, StartLinesAndAttributes) {
       {{u"<a>1<2</a>"}, "", "a[1<2]"},
       {{u"<a>1>0 &amp; [crlf]</a>"}, "", "a[1>0 &amp; [crlf]]"},
       {{u"<a> v </a>"}, "", "a[ v ]"},
+      {{u"<a>x!-y</a>"}, "", "a[x!-y]"},
       {{u"<a></a>"}, "", "a"},
       {{u"<a>x/>y</a>"}, "", "a"},
       {{u"<a><b>x</b></a>"}, badEnd, "a"},
@@ -90,6 +91,8 @@ TEST(XMLReaderTest, TagsOverSeveralLines) {
        "",
        "a{c{d}}"},
       {{u"<a>", u"<b k=\"1\" />", u"<c>", u"<d>x</d>", u"<e", u"</c>", u"</a>"}, badData, "a{b(k=1)}"},
+      {{u"<A>", u"<B X=\"1\">", u"<C />", u"<D>", u"<E />", u"</A>"}, "Badly placed tag end in XML data", "A"},
+      {{u"<A>", u"<B />", u"<C>", u"<D />", u"x", u"y", u"</C>", u"</A>"}, missingEnd, "A{B}"},
   };
   for (const Case& c : cases) Check(c);
 }

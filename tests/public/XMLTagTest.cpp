@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace QOR {
 namespace {
 
@@ -17,14 +19,6 @@ struct Abcd : ::testing::Test {
   XML doc{u"t"};
   XMLTag* top = doc.TopTag();
 };
-
-TEST(XMLTagTest, ValuesAreTrimmedOnlyWhenATagIsMade) {
-  XML doc(u"t");
-  XMLTag* tag = doc.TopTag()->NestTag(u"a", u"  v \t");
-  EXPECT_EQ(tag->GetValue(), String(u"v"));
-  *tag << u" y "; // a text, not a bool
-  EXPECT_EQ(tag->GetValue(), String(u" y "));
-}
 
 TEST(XMLTagTest, AttributesAreKeptAsGivenAndInOrder) {
   XML doc(u"t");
@@ -42,27 +36,59 @@ TEST(XMLTagTest, AttributesAreKeptAsGivenAndInOrder) {
 }
 
 TEST(XMLTagTest, TypedValuesGoThroughTheText) {
-  XML doc(u"t");
+  // Where a String goes in, a literal or a std::string does too.
+  const std::string utf8 = "Grüße";
+  XML doc("T", utf8);
   XMLTag& tag = *doc.TopTag();
+  EXPECT_EQ(tag.GetValue(), u"Grüße");
+  XMLTag* item = tag.NestTag("Item", "  1 \t", "id", utf8); // values are trimmed only when a tag is made
+  EXPECT_EQ(item->GetAttrVal(0), u"Grüße");
+  EXPECT_EQ(item->GetValue(), u"1");
+  struct {
+    void (*set)(XMLTag&);
+    const char16_t* value;
+  } rows[] = {{[](XMLTag& t) { t << "Grüße"; }, u"Grüße"},
+              {[](XMLTag& t) { t << String(u"s"); }, u"s"},
+              {[](XMLTag& t) { t << L"w"; }, u"w"},
+              {[](XMLTag& t) { t << u" y "; }, u" y "}, // a text, not a bool, and not trimmed
+              {[](XMLTag& t) { t << -7L; }, u"-7"},
+              {[](XMLTag& t) { t << -42; }, u"-42"},
+              {[](XMLTag& t) { t << 4000000000u; }, u"4000000000"},
+              {[](XMLTag& t) { t << 2.0; }, u"2"},
+              {[](XMLTag& t) { t << -0.25; }, u"-0.25"},
+              {[](XMLTag& t) { t << 0.123456789012345; }, u"0.123456789012345"},
+              {[](XMLTag& t) { t << true; }, u"yes"}};
+  for (const auto& row : rows) {
+    row.set(tag);
+    EXPECT_EQ(tag.GetValue(), row.value);
+  }
+  tag.SetValue(" 12 ");
+  int number = 0;
+  long wide = 0;
+  unsigned int count = 0;
+  double real = 0;
+  String text;
+  tag >> number;
+  tag >> wide;
+  tag >> count;
+  tag >> real;
+  tag >> text;
+  EXPECT_EQ(number, 12);
+  EXPECT_EQ(wide, 12);
+  EXPECT_EQ(count, 12u);
+  EXPECT_EQ(real, 12.0);
+  EXPECT_EQ(text, u" 12 ");
+  tag.SetValue(u"no number");
+  tag >> number;
+  EXPECT_EQ(number, 12);
   bool flag = true;
   for (const char16_t* word : {u"", u"no", u"Yes", u"1"}) {
     tag.SetValue(word);
     tag >> flag;
     EXPECT_FALSE(flag) << String(word).ToUtf8();
   }
-  tag << true;
-  EXPECT_EQ(tag.GetValue(), String(u"yes"));
-  tag << 2.0;
-  EXPECT_EQ(tag.GetValue(), String(u"2"));
-  tag << -0.25;
-  EXPECT_EQ(tag.GetValue(), String(u"-0.25"));
-  tag << -42;
-  int number = 0;
-  tag >> number;
-  EXPECT_EQ(number, -42);
-  tag.SetValue(u"no number");
-  tag >> number;
-  EXPECT_EQ(number, -42);
+  tag.SetName("Renamed");
+  EXPECT_EQ(tag.GetName(), u"Renamed");
 }
 
 TEST_F(Abcd, NestTagBeforeIndexInsertsOrAppends) {
@@ -105,7 +131,7 @@ TEST_F(Abcd, MoveAndReplaceCountIndicesBeforeTheMove) {
   } cases[] = {
       {false, 0, 2, "t{B A C D}"}, {false, 0, 4, "t{B C D A}"}, {false, 3, 0, "t{D A B C}"},
       {false, 1, 1, "t{A B C D}"}, {false, 1, 2, "t{A B C D}"}, {true, 0, 2, "t{B A D}"},
-      {true, 3, 1, "t{A D C}"},
+      {true, 3, 1, "t{A D C}"}, {true, 1, 4, "t{A B C D}"},
   };
   for (const Case& c : cases) {
     XML copy(doc);

@@ -24,34 +24,29 @@ std::string Message(int found, const char* software, int handled) {
          "not be able to continue because of this error - ";
 }
 
+// Only the first Version attribute of the top tag counts; a lower-case one is none.
 TEST_F(XMLVersionTest, ADocumentNewerThanTheApplicationIsRefused) {
-  XML doc(u"Data", u"", u"Version", u"2");
-  int version = 0;
-  EXPECT_EQ(Outcome(doc.CheckVersion(u"Stock", u"ignored", version)), Message(2, "Stock", 1));
-  EXPECT_EQ(version, 2);
-  XML::SetAppVersion(2);
-  EXPECT_EQ(Outcome(doc.CheckVersion(u"Stock", u"", version)), "");
-  EXPECT_EQ(version, 2);
-  doc.TopTag()->SetAttrValue(0, u"-3");
-  EXPECT_EQ(Outcome(doc.CheckVersion(u"Stock", u"", version)), "");
-  EXPECT_EQ(version, -3);
-}
-
-TEST_F(XMLVersionTest, OnlyTheFirstVersionOfTheTopTagCounts) {
-  XML doc(u"Data", u"", u"Version", u"1");
-  doc.TopTag()->AddAttr(u"Version", u"9");
-  doc.TopTag()->NestTag(u"Inner", u"", u"Version", u"9");
-  int version = 0;
-  EXPECT_EQ(Outcome(doc.CheckVersion(u"S", u"", version)), "");
-  EXPECT_EQ(version, 1);
-
-  XML plain(u"Data", u"", u"version", u"5");
-  XML::SetAppVersion(0);
-  EXPECT_EQ(Outcome(plain.CheckVersion(u"S", u"", version)), "");
-  EXPECT_EQ(version, 1);
-  XML::SetAppVersion(4);
-  XML newer(u"D", u"", u"Version", u"12");
-  EXPECT_EQ(Outcome(newer.CheckVersion(u"Lager 2", u"", version)), Message(12, "Lager 2", 4));
+  struct {
+    int app;
+    const char16_t* attribute;
+    const char16_t* value;
+    const char16_t* software;
+    std::string outcome;
+    int found;
+  } rows[] = {
+      {1, u"Version", u"2", u"Stock", Message(2, "Stock", 1), 2}, {2, u"Version", u"2", u"Stock", "", 2},
+      {2, u"Version", u"-3", u"Stock", "", -3},                   {1, u"Version", u"1", u"S", "", 1},
+      {0, u"version", u"5", u"S", "", 1},                         {4, u"Version", u"12", u"Lager 2", Message(12, "Lager 2", 4), 12},
+  };
+  for (const auto& row : rows) {
+    XML::SetAppVersion(row.app);
+    XML doc(u"Data", u"", row.attribute, row.value);
+    if (row.attribute[0] == u'V') doc.TopTag()->AddAttr(u"Version", u"9");
+    doc.TopTag()->NestTag(u"Inner", u"", u"Version", u"9");
+    int version = 0;
+    EXPECT_EQ(Outcome(doc.CheckVersion(row.software, u"ignored", version)), row.outcome);
+    EXPECT_EQ(version, row.found) << String(row.value).ToUtf8();
+  }
 }
 
 TEST(XMLTest, ConstructorsTrimValuesButNotNames) {
