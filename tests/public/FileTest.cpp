@@ -185,9 +185,11 @@ TEST(FileTest, WritingWhereNoFileCanBeGivesAnError) {
   ASSERT_NE(error, nullptr);
   EXPECT_NE(error->Text().Find(u"out.txt"), -1);
   file.text << u"x";
-  std::unique_ptr<ErrorInfo> flush(file.FlushFile(false, BaseFile::UTF8));
-  ASSERT_NE(flush, nullptr);
-  EXPECT_NE(flush->Text().Find(u"Can't write unopened file"), -1);
+  for (ErrorInfo* unopened : {file.FlushFile(false, BaseFile::UTF8), file.Write("x", 1)}) {
+    std::unique_ptr<ErrorInfo> error(unopened);
+    ASSERT_NE(error, nullptr);
+    EXPECT_NE(error->Text().Find(u"Can't write unopened file"), -1);
+  }
 }
 
 TEST(ParsableTextTest, WordsAndSeparators) {
