@@ -359,22 +359,30 @@ TEST_F(EngineTest, TextRepliesAroundTheBlockSize) {
   }
 }
 
-TEST_F(EngineTest, FailedReadLeavesTheReplyAlone) {
-  fake->SetReply("abcdef");
-  Connect();
-  EXPECT_EQ(Send(), "");
-  fake->Script(Api::InternetReadFileExA, FakeCall::Succeed(3));
-  fake->Script(Api::InternetReadFileExA, FakeCall::Fail(12030));
-  String reply(u"before");
-  EXPECT_EQ(TakeText(engine->ReadReply(reply)), "Can't read requested data: CONNECTION ABORTED");
-  EXPECT_EQ(reply, u"before");
-  char* buffer = nullptr;
-  std::size_t length = 99;
-  EXPECT_EQ(Send(), "");
-  fake->Script(Api::InternetReadFileExA, FakeCall::Fail(12030));
-  EXPECT_NE(TakeText(engine->ReadBase64Reply(4, buffer, length)), "");
-  EXPECT_EQ(buffer, nullptr);
-  EXPECT_EQ(length, 99u);
+// A read that fails leaves the reply and the buffer alone. After a failed wait the Base64 read
+// looks at the completion, which the cancel that follows makes 12017.
+TEST_F(EngineTest, FailedReadsLeaveTheReplyAlone) {
+  for (bool base64 : {false, true}) {
+    for (int failedWaits : {0, 1}) {
+      Fresh();
+      fake->SetReply("abcdef");
+      Connect();
+      EXPECT_EQ(Send(), "");
+      if (!failedWaits) fake->Script(Api::InternetReadFileExA, FakeCall::Succeed(3));
+      fake->Script(Api::InternetReadFileExA, failedWaits ? FakeCall::Hang() : FakeCall::Fail(12030));
+      FailingWaits failing(failedWaits);
+      String reply(u"before");
+      char* buffer = nullptr;
+      std::size_t length = 99;
+      std::string text = base64 ? TakeText(engine->ReadBase64Reply(4, buffer, length)) : TakeText(engine->ReadReply(reply));
+      EXPECT_EQ(text, !failedWaits   ? "Can't read requested data: CONNECTION ABORTED"
+                      : base64       ? "Error reading requested data: OPERATION CANCELLED"
+                                     : "Failed reading requested data");
+      EXPECT_EQ(reply, u"before");
+      EXPECT_EQ(buffer, nullptr);
+      EXPECT_EQ(length, 99u);
+    }
+  }
 }
 
 TEST_F(EngineTest, Base64RepliesGrowByTheBlockSize) {
@@ -395,27 +403,6 @@ TEST_F(EngineTest, Base64RepliesGrowByTheBlockSize) {
     EXPECT_EQ(std::string(buffer, length), entry.bytes);
     delete[] buffer;
   }
-}
-
-TEST_F(EngineTest, Base64ReadLooksAtTheCompletionAfterAFailedWait) {
-  // The cancel that follows the failed wait completes the read with 12017.
-  Connect();
-  EXPECT_EQ(Send(), "");
-  fake->Script(Api::InternetReadFileExA, FakeCall::Hang());
-  char* buffer = nullptr;
-  std::size_t length = 0;
-  {
-    FailingWaits failing(1);
-    EXPECT_EQ(TakeText(engine->ReadBase64Reply(16, buffer, length)),
-              "Error reading requested data: OPERATION CANCELLED");
-  }
-  Fresh();
-  Connect();
-  EXPECT_EQ(Send(), "");
-  fake->Script(Api::InternetReadFileExA, FakeCall::Hang());
-  String reply;
-  FailingWaits failing(1);
-  EXPECT_EQ(TakeText(engine->ReadReply(reply)), "Failed reading requested data");
 }
 
 // Under Wine a close leaves a pending call running; its completion and HANDLE_CLOSING may come
