@@ -83,6 +83,7 @@ TEST(EncodingTest, InvalidUtf8GivesOneReplacementPerBadSequence) {
       {"\xC0\xAF", std::u16string(2, *r)},                       // overlong '/'
       {"\xE0\x80\xAF", std::u16string(3, *r)},                   // overlong, 3 bytes
       {"\xF0\x80\x80\xAF", std::u16string(4, *r)},               // overlong, 4 bytes
+      {"\xF0\x8F\xBF\xBF", std::u16string(4, *r)},               // overlong U+FFFF
       {"\xED\xA0\x80\xED\xBF\xBF", std::u16string(6, *r)},       // encoded surrogates
       {"\xF4\x90\x80\x80", std::u16string(4, *r)},               // above U+10FFFF
       {"\xF8\x88\x80\x80\x80", std::u16string(5, *r)},           // old 5-byte form

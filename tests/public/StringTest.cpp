@@ -36,7 +36,8 @@ TEST(StringTest, ConstructsFromEveryHostForm) {
   EXPECT_EQ(String(L"\U0001F600").Len(), 2u);
   EXPECT_EQ(String(L"x\U0001F600\U0010FFFF"), String(u"x\U0001F600\U0010FFFF"));
   EXPECT_EQ(String(u"x\U0001F600\U0010FFFF").ToWide(), std::wstring(L"x\U0001F600\U0010FFFF"));
-  if constexpr (sizeof(wchar_t) == 4) { // an unpaired surrogate has no UTF-32 form
+  if constexpr (sizeof(wchar_t) == 4) { // no code point beyond U+10FFFF; no UTF-32 form of a lone surrogate
+    EXPECT_EQ(String(std::wstring(1, wchar_t(0x110000)).c_str()), String(u"\uFFFD"));
     EXPECT_EQ(String(u"a\xDBFF" u"b\xDC00").ToWide(), std::wstring(L"a\xFFFD" L"b\xFFFD"));
   }
 }
@@ -93,6 +94,8 @@ TEST(StringTest, FormatsDoublesWithManipulatorsForOneNumberOnly) {
   String padded;
   padded << whole(3) << dec(1) << 7.25;
   EXPECT_EQ(padded, String(u"007.2"));
+  padded << whole(3) << dec(1) << -7.25;
+  EXPECT_EQ(padded, String(u"007.2-007.2")); // the sign goes before the padding
   String formatted;
   formatted.AppendDouble(2.5, DoubleFormat() += dec(3));
   EXPECT_EQ(formatted, u"2.500");
