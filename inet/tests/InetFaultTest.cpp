@@ -146,6 +146,25 @@ TEST(InetFaultTest, ResetsAreConnectionResetWhetherSendingOrReading) {
   EXPECT_EQ(read.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
 }
 
+TEST(InetFaultTest, AnswerBeforeTheWholeBodyEndsTheUpload) {
+  // The server refuses the body at once and reads none of it: the write in progress completes,
+  // and the reply is there to read.
+  RawServer server([](RawConnection& connection) {
+    RawConnection::Head head;
+    if (connection.ReadHead(head) && connection.Send(RawServer::Response(413, "Too Large", "refused", false)))
+      connection.WaitForClientClose(milliseconds(10000));
+  });
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()) && driver.OpenRequest("/early"));
+  std::string body(32 * 1024 * 1024, 'e');
+  ASSERT_TRUE(driver.SendEx(static_cast<DWORD>(body.size())).ok);
+  EXPECT_TRUE(driver.WriteAll(body).ok);
+  EXPECT_TRUE(driver.End().ok);
+  std::string reply;
+  EXPECT_TRUE(driver.ReadAll(reply).ok);
+  EXPECT_EQ(reply, "refused");
+}
+
 TEST(InetFaultTest, FailureAfterTheBodyWasLentIsReportedNotResent) {
   // The first request is answered; the kept-alive connection then dies in the middle of the
   // second request's body.
