@@ -1,14 +1,14 @@
-// The entry points themselves: what the module exports, handles and callbacks, server names,
-// header modifiers, call order, keep-alive, and bodies of any size.
+// The entry points themselves: handles and callbacks, server names, proxies, headers and their
+// text, call order, keep-alive (plain and TLS), and bodies of any size.
 #include "InetDriver.h"
 #include "support/LoopbackServer.h"
 #include "support/RawServer.h"
+#include "support/TestPki.h"
 #include "support/TestServers.h"
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
@@ -30,18 +30,6 @@ int ThreadCount() {
   int count = 0;
   for ([[maybe_unused]] auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
   return count;
-}
-
-TEST(InetCallTest, ModuleExportsTheEntryPointsByTheirWinInetNames) {
-  EXPECT_EQ(std::filesystem::path(QORINET_LIBRARY).filename(), "libqorinet.so");
-  void* module = dlopen(QORINET_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(module, nullptr) << dlerror();
-  for (const char* name : {"InternetOpenW", "InternetCloseHandle", "InternetSetStatusCallbackW", "HttpOpenRequestA",
-                           "InternetSetOptionW", "InternetWriteFile", "InternetReadFileExA", "HttpEndRequestW",
-                           "InternetConnectW", "HttpSendRequestExW", "HttpAddRequestHeadersW", "GetLastError"}) {
-    EXPECT_NE(dlsym(module, name), nullptr) << name;
-  }
-  dlclose(module);
 }
 
 TEST(InetCallTest, RootHandleOwnsOneThreadAndItsCloseStopsIt) {
@@ -277,22 +265,30 @@ std::vector<std::string> EpollRegistrations() {
   return registered;
 }
 
-TEST(InetCallTest, IdlePooledConnectionStaysRegisteredBetweenRequests) {
-  LoopbackServer server;
-  server.Start();
-  InetDriver driver;
-  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
-  std::vector<std::string> idle = EpollRegistrations();
-  std::string reply;
-  ASSERT_TRUE(driver.Post("/echo", "first", reply).ok);
-  // The loop's wake-up and timer descriptors, and now the connection's watch.
-  std::vector<std::string> pooled = EpollRegistrations();
-  EXPECT_EQ(pooled.size(), idle.size() + 1);
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_TRUE(driver.Post("/echo", "again", reply).ok) << i;
-    EXPECT_EQ(EpollRegistrations(), pooled) << "request " << i << " registered its socket anew";
+TEST(InetCallTest, PooledConnectionStaysRegisteredBetweenRequestsPlainOrSecure) {
+  test::TestPki pki;
+  test::TestPki::ServerFiles files = pki.Issue("server", test::TestPki::Options{});
+  setenv("SSL_CERT_FILE", pki.CaFile().c_str(), 1);
+  LoopbackServer plain, secure(files.certificate, files.key);
+  for (auto [server, flags] : {std::pair{&plain, engineFlags}, std::pair{&secure, engineSecureFlags}}) {
+    server->Start();
+    InetDriver driver;
+    ASSERT_TRUE(driver.Open() && driver.Connect(server->HostPort()));
+    std::vector<std::string> idle = EpollRegistrations();
+    std::string reply;
+    ASSERT_TRUE(driver.Post("/echo", "first", reply, flags).ok);
+    // The loop's wake-up and timer descriptors, and now the connection's watch.
+    std::vector<std::string> pooled = EpollRegistrations();
+    EXPECT_EQ(pooled.size(), idle.size() + 1);
+    for (int i = 0; i < 4; ++i) {
+      std::string body(70000, static_cast<char>('a' + i));
+      ASSERT_TRUE(driver.Post("/echo", body, reply, flags).ok) << i;
+      EXPECT_EQ(reply, body);
+      EXPECT_EQ(EpollRegistrations(), pooled) << "request " << i << " registered its socket anew";
+    }
+    EXPECT_EQ(server->Connections(), 1u);
   }
-  EXPECT_EQ(server.Connections(), 1u);
+  unsetenv("SSL_CERT_FILE");
 }
 
 TEST(InetCallTest, LargeBodiesStreamBothWays) {
