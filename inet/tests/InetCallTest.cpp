@@ -32,7 +32,9 @@ int ThreadCount() {
   return count;
 }
 
-TEST(InetCallTest, RootHandleOwnsOneThreadAndItsCloseStopsIt) {
+TEST(InetCallTest, RootHandleIsAsynchronousOwnsOneThreadAndItsCloseStopsIt) {
+  EXPECT_EQ(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0), nullptr);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
   // A first root and its close, so that helper threads the runtime starts once are there.
   InternetCloseHandle(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC));
   int before = ThreadCount();
@@ -92,11 +94,6 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   EXPECT_TRUE(pooled.Post("/second", "x", reply).ok);
   EXPECT_EQ(reply, "ok");
   EXPECT_EQ(closing.Connections(), 2);
-}
-
-TEST(InetCallTest, OnlyAsynchronousModeIsOffered) {
-  EXPECT_EQ(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0), nullptr);
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
 }
 
 void CALLBACK IgnoreStatus(HINTERNET, DWORD_PTR, DWORD, LPVOID, DWORD) {}
