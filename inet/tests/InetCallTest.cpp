@@ -1,14 +1,14 @@
-// The entry points themselves: what the module exports, handles and callbacks, server names,
-// header modifiers, call order, keep-alive, and bodies of any size.
+// The entry points themselves: handles and callbacks, server names, proxies, headers and their
+// text, call order, keep-alive (plain and TLS), and bodies of any size.
 #include "InetDriver.h"
 #include "support/LoopbackServer.h"
 #include "support/RawServer.h"
+#include "support/TestPki.h"
 #include "support/TestServers.h"
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
@@ -32,19 +32,9 @@ int ThreadCount() {
   return count;
 }
 
-TEST(InetCallTest, ModuleExportsTheEntryPointsByTheirWinInetNames) {
-  EXPECT_EQ(std::filesystem::path(QORINET_LIBRARY).filename(), "libqorinet.so");
-  void* module = dlopen(QORINET_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(module, nullptr) << dlerror();
-  for (const char* name : {"InternetOpenW", "InternetCloseHandle", "InternetSetStatusCallbackW", "HttpOpenRequestA",
-                           "InternetSetOptionW", "InternetWriteFile", "InternetReadFileExA", "HttpEndRequestW",
-                           "InternetConnectW", "HttpSendRequestExW", "HttpAddRequestHeadersW", "GetLastError"}) {
-    EXPECT_NE(dlsym(module, name), nullptr) << name;
-  }
-  dlclose(module);
-}
-
-TEST(InetCallTest, RootHandleOwnsOneThreadAndItsCloseStopsIt) {
+TEST(InetCallTest, RootHandleIsAsynchronousOwnsOneThreadAndItsCloseStopsIt) {
+  EXPECT_EQ(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0), nullptr);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
   // A first root and its close, so that helper threads the runtime starts once are there.
   InternetCloseHandle(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC));
   int before = ThreadCount();
@@ -106,11 +96,6 @@ TEST(InetCallTest, LoopSleepsWhenNothingIsDue) {
   EXPECT_EQ(closing.Connections(), 2);
 }
 
-TEST(InetCallTest, OnlyAsynchronousModeIsOffered) {
-  EXPECT_EQ(InternetOpenW(u"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0), nullptr);
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED));
-}
-
 void CALLBACK IgnoreStatus(HINTERNET, DWORD_PTR, DWORD, LPVOID, DWORD) {}
 
 TEST(InetCallTest, StatusCallbackSwapsAndLastErrorSurvivesSuccess) {
@@ -158,10 +143,15 @@ TEST(InetCallTest, HeaderModifiersFollowWinInet) {
   EXPECT_TRUE(driver.AddHeader("X-Two: b", HTTP_ADDREQ_FLAG_ADD | HTTP_ADDREQ_FLAG_COALESCE_WITH_COMMA).ok);
   EXPECT_EQ(driver.AddHeader("X-Two: c", HTTP_ADDREQ_FLAG_ADD_IF_NEW).error,
             static_cast<DWORD>(ERROR_HTTP_HEADER_ALREADY_EXISTS));
-  EXPECT_TRUE(driver.AddHeader("X-Three: 3\r\nX-Four: 4", HTTP_ADDREQ_FLAG_ADD).ok);
-  EXPECT_TRUE(driver.AddHeader("x-three:", HTTP_ADDREQ_FLAG_REPLACE).ok); // names in any case
+  EXPECT_TRUE(driver.AddHeader("X-Area: 3\r\nX-Four: 4", HTTP_ADDREQ_FLAG_ADD).ok);
+  EXPECT_TRUE(driver.AddHeader("x-aREA:", HTTP_ADDREQ_FLAG_REPLACE).ok); // names in any case
   EXPECT_TRUE(driver.AddHeader("X-One: 11", HTTP_ADDREQ_FLAG_REPLACE).ok);
-  EXPECT_EQ(driver.AddHeader("no colon", HTTP_ADDREQ_FLAG_ADD).error, static_cast<DWORD>(ERROR_HTTP_INVALID_HEADER));
+  for (const char* bad : {"no colon", "X Space: 1", "X,Comma: 1", "X;Semi: 1", "X/Slash: 1"})
+    EXPECT_EQ(driver.AddHeader(bad, HTTP_ADDREQ_FLAG_ADD).error, static_cast<DWORD>(ERROR_HTTP_INVALID_HEADER)) << bad;
+  // Wide text goes out as UTF-8; a surrogate without its partner becomes U+FFFD.
+  std::u16string wide = u"X-Text: \u00E9\u20AC\U0001F600\uD7FF";
+  wide += {char16_t(0xDC00), char16_t(0xD800), u'x'};
+  EXPECT_TRUE(HttpAddRequestHeadersW(driver.Request(), wide.c_str(), static_cast<DWORD>(-1), HTTP_ADDREQ_FLAG_ADD));
   ASSERT_TRUE(driver.SendEx(0).ok);
   EXPECT_EQ(driver.AddHeader("X-Late: 1", HTTP_ADDREQ_FLAG_ADD).error,
             static_cast<DWORD>(ERROR_INTERNET_INCORRECT_HANDLE_STATE));
@@ -171,11 +161,64 @@ TEST(InetCallTest, HeaderModifiersFollowWinInet) {
   ASSERT_EQ(heads.size(), 1u);
   EXPECT_EQ(heads[0].Header("X-One"), "11");
   EXPECT_EQ(heads[0].Header("X-Two"), "a, b");
-  EXPECT_EQ(heads[0].Header("X-Three"), "");
+  EXPECT_EQ(heads[0].Header("X-Area"), "");
   EXPECT_EQ(heads[0].Header("X-Four"), "4");
+  EXPECT_EQ(heads[0].Header("X-Text"), "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\xED\x9F\xBF\xEF\xBF\xBD\xEF\xBF\xBDx");
   EXPECT_EQ(heads[0].Header("Content-Length"), "0");
   EXPECT_EQ(heads[0].Header("Expect"), "");
   EXPECT_EQ(heads[0].Header("Transfer-Encoding"), "");
+}
+
+TEST(InetCallTest, SendWithoutABodyCompletesBeforeTheReply) {
+  RawServer server([](RawConnection& connection) {
+    while (connection.ReadRequest() && connection.Hold(std::chrono::milliseconds(500)))
+      connection.Send(RawServer::Response(200, "OK", "late"));
+  });
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
+  for (auto form : {InetDriver::Block::None, InetDriver::Block::EmptyBuffer}) {
+    ASSERT_TRUE(driver.OpenRequest("/empty"));
+    driver.SetWaits(std::chrono::milliseconds(250), std::chrono::milliseconds(3000));
+    EXPECT_TRUE(driver.SendEx(0, true, form).ok);
+    driver.SetWaits(std::chrono::milliseconds(5000), std::chrono::milliseconds(3000));
+    EXPECT_TRUE(driver.End().ok);
+    std::string reply;
+    EXPECT_TRUE(driver.ReadAll(reply).ok);
+    EXPECT_EQ(reply, "late");
+    EXPECT_TRUE(driver.CloseRequest().ok);
+  }
+}
+
+TEST(InetCallTest, InterimReplyIsPassedOverAndReceivingIsReportedAtOnce) {
+  RawServer server([](RawConnection& connection) {
+    if (!connection.ReadRequest() || !connection.Hold(std::chrono::milliseconds(400))) return;
+    connection.Send("HTTP/1.1 100 Continue\r\n\r\n");
+    if (connection.Hold(std::chrono::milliseconds(300))) connection.Send(RawServer::Response(200, "OK", "final"));
+  });
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()) && driver.OpenRequest("/interim"));
+  ASSERT_TRUE(driver.SendEx(1).ok && driver.Write("x", 1).ok);
+  auto ending = std::chrono::steady_clock::now();
+  ASSERT_TRUE(driver.End().ok);
+  std::string reply;
+  EXPECT_TRUE(driver.ReadAll(reply).ok);
+  EXPECT_EQ(reply, "final");
+  for (const auto& note : driver.Notes()) {
+    if (note.status == INTERNET_STATUS_RECEIVING_RESPONSE)
+      EXPECT_LT(note.when - ending, std::chrono::milliseconds(200)); // not held back until the reply
+    if (note.status == INTERNET_STATUS_RESPONSE_RECEIVED) EXPECT_EQ(note.value, 16u); // "HTTP/1.1 200 OK"
+  }
+}
+
+TEST(InetCallTest, ProxyAccessTypeSendsRequestsToTheProxy) {
+  RawServer proxy(RawServer::Answer("proxied"));
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open(INTERNET_OPEN_TYPE_PROXY, proxy.HostPort()) && driver.Connect("origin.invalid", 8080));
+  std::string reply;
+  EXPECT_TRUE(driver.Post("/via", "x", reply).ok);
+  EXPECT_EQ(reply, "proxied");
+  ASSERT_EQ(proxy.Requests().size(), 1u);
+  EXPECT_EQ(proxy.Requests()[0].requestLine, "POST http://origin.invalid:8080/via HTTP/1.1");
 }
 
 TEST(InetCallTest, CallsOutOfOrderFailAtOnce) {
@@ -219,22 +262,30 @@ std::vector<std::string> EpollRegistrations() {
   return registered;
 }
 
-TEST(InetCallTest, IdlePooledConnectionStaysRegisteredBetweenRequests) {
-  LoopbackServer server;
-  server.Start();
-  InetDriver driver;
-  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()));
-  std::vector<std::string> idle = EpollRegistrations();
-  std::string reply;
-  ASSERT_TRUE(driver.Post("/echo", "first", reply).ok);
-  // The loop's wake-up and timer descriptors, and now the connection's watch.
-  std::vector<std::string> pooled = EpollRegistrations();
-  EXPECT_EQ(pooled.size(), idle.size() + 1);
-  for (int i = 0; i < 5; ++i) {
-    ASSERT_TRUE(driver.Post("/echo", "again", reply).ok) << i;
-    EXPECT_EQ(EpollRegistrations(), pooled) << "request " << i << " registered its socket anew";
+TEST(InetCallTest, PooledConnectionStaysRegisteredBetweenRequestsPlainOrSecure) {
+  test::TestPki pki;
+  test::TestPki::ServerFiles files = pki.Issue("server", test::TestPki::Options{});
+  setenv("SSL_CERT_FILE", pki.CaFile().c_str(), 1);
+  LoopbackServer plain, secure(files.certificate, files.key);
+  for (auto [server, flags] : {std::pair{&plain, engineFlags}, std::pair{&secure, engineSecureFlags}}) {
+    server->Start();
+    InetDriver driver;
+    ASSERT_TRUE(driver.Open() && driver.Connect(server->HostPort()));
+    std::vector<std::string> idle = EpollRegistrations();
+    std::string reply;
+    ASSERT_TRUE(driver.Post("/echo", "first", reply, flags).ok);
+    // The loop's wake-up and timer descriptors, and now the connection's watch.
+    std::vector<std::string> pooled = EpollRegistrations();
+    EXPECT_EQ(pooled.size(), idle.size() + 1);
+    for (int i = 0; i < 4; ++i) {
+      std::string body(70000, static_cast<char>('a' + i));
+      ASSERT_TRUE(driver.Post("/echo", body, reply, flags).ok) << i;
+      EXPECT_EQ(reply, body);
+      EXPECT_EQ(EpollRegistrations(), pooled) << "request " << i << " registered its socket anew";
+    }
+    EXPECT_EQ(server->Connections(), 1u);
   }
-  EXPECT_EQ(server.Connections(), 1u);
+  unsetenv("SSL_CERT_FILE");
 }
 
 TEST(InetCallTest, LargeBodiesStreamBothWays) {

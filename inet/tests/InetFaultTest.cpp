@@ -18,13 +18,9 @@ using test::RawServer;
 
 // The step of a request at which a close from another thread comes.
 enum class Stuck { Connecting, Writing, Ending, Reading };
+const char* const stuckNames[] = {"Connecting", "Writing", "Ending", "Reading"};
 
-struct CancelCase {
-  const char* name;
-  Stuck stuck;
-};
-
-class CloseCancelsTest : public testing::TestWithParam<CancelCase> {};
+class CloseCancelsTest : public testing::TestWithParam<Stuck> {};
 
 // Brings a request to the stuck step and leaves that call pending.
 void RunUntilStuck(InetDriver& driver, Stuck stuck, std::string& body) {
@@ -56,7 +52,7 @@ void RunUntilStuck(InetDriver& driver, Stuck stuck, std::string& body) {
 }
 
 TEST_P(CloseCancelsTest, WithinASecondThenHandleClosing) {
-  Stuck stuck = GetParam().stuck;
+  Stuck stuck = GetParam();
   std::unique_ptr<BlackHole> hole;
   std::unique_ptr<RawServer> server;
   std::string address;
@@ -117,36 +113,29 @@ TEST_P(CloseCancelsTest, WithinASecondThenHandleClosing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Steps, CloseCancelsTest,
-                         testing::Values(CancelCase{"Connecting", Stuck::Connecting},
-                                         CancelCase{"Writing", Stuck::Writing}, CancelCase{"Ending", Stuck::Ending},
-                                         CancelCase{"Reading", Stuck::Reading}),
-                         [](const testing::TestParamInfo<CancelCase>& info) { return info.param.name; });
+                         testing::Values(Stuck::Connecting, Stuck::Writing, Stuck::Ending, Stuck::Reading),
+                         [](const testing::TestParamInfo<Stuck>& info) { return std::string(stuckNames[int(info.param)]); });
 
-TEST(InetFaultTest, ResetsAreConnectionResetWhetherSendingOrReading) {
-  RawServer sending([](RawConnection& connection) {
+TEST(InetFaultTest, AnswerBeforeTheWholeBodyEndsTheUpload) {
+  // The server refuses the body at once and reads none of it: the write in progress completes,
+  // and the reply is there to read.
+  RawServer server([](RawConnection& connection) {
     RawConnection::Head head;
-    if (connection.ReadHead(head)) connection.ReadBody(64 * 1024);
-    connection.Reset();
+    if (connection.ReadHead(head) && connection.Send(RawServer::Response(413, "Too Large", "refused", false)))
+      connection.WaitForClientClose(milliseconds(10000));
   });
-
-  InetDriver upload;
-  ASSERT_TRUE(upload.Open() && upload.Connect(sending.HostPort()) && upload.OpenRequest("/reset"));
-  std::string body(64 * 1024 * 1024, 'x');
-  ASSERT_TRUE(upload.SendEx(static_cast<DWORD>(body.size())).ok);
-  auto written = upload.WriteAll(body);
-  auto failure = written.ok ? upload.End() : written;
-  EXPECT_FALSE(failure.ok);
-  EXPECT_EQ(failure.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
-
-  InetDriver download;
-  ASSERT_TRUE(download.Open() && download.Connect(test::TheServers()["reset"]));
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(server.HostPort()) && driver.OpenRequest("/early"));
+  std::string body(32 * 1024 * 1024, 'e');
+  ASSERT_TRUE(driver.SendEx(static_cast<DWORD>(body.size())).ok);
+  EXPECT_TRUE(driver.WriteAll(body).ok);
+  EXPECT_TRUE(driver.End().ok);
   std::string reply;
-  auto read = download.Post("/reset", "x", reply);
-  EXPECT_FALSE(read.ok);
-  EXPECT_EQ(read.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
+  EXPECT_TRUE(driver.ReadAll(reply).ok);
+  EXPECT_EQ(reply, "refused");
 }
 
-TEST(InetFaultTest, FailureAfterTheBodyWasLentIsReportedNotResent) {
+TEST(InetFaultTest, ResetsAreConnectionResetAndALentBodyIsNotResent) {
   // The first request is answered; the kept-alive connection then dies in the middle of the
   // second request's body.
   RawServer server([](RawConnection& connection) {
@@ -166,6 +155,13 @@ TEST(InetFaultTest, FailureAfterTheBodyWasLentIsReportedNotResent) {
   auto heads = server.Requests();
   ASSERT_EQ(heads.size(), 2u);
   EXPECT_EQ(heads[1].connection, 1);
+
+  // The same code when the reset comes in the middle of the reply.
+  InetDriver download;
+  ASSERT_TRUE(download.Open() && download.Connect(test::TheServers()["reset"]));
+  auto read = download.Post("/reset", "x", reply);
+  EXPECT_FALSE(read.ok);
+  EXPECT_EQ(read.error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_RESET));
 }
 
 TEST(InetFaultTest, ConnectTimeOutOptionEndsAConnectThatIsNeverAnswered) {

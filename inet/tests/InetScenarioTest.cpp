@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
+#include <tuple>
 
 namespace QOR::inettest {
 namespace {
@@ -160,46 +162,46 @@ TEST_F(InetScenarioTest, DeadHandlesFailAtOnceWithWinInetCodes) {
       << Show(trace);
 }
 
-TEST_F(InetScenarioTest, BodiesStreamBothWaysWhateverTheStatus) {
-  Lines upload = Run("bigpost");
-  EXPECT_EQ(std::count(upload.begin(), upload.end(), "InternetWriteFile(102400) -> 102400"), 51);
-  EXPECT_TRUE(HasRun(upload, {"InternetWriteFile(20480) -> 20480", "HttpEndRequestW -> pending"})) << Show(upload);
+// Steps a scenario's trace must hold, in a row.
+struct Passage {
+  const char* behaviour;
+  const char* scenario;
+  Lines steps;
+};
 
-  Lines download = Run("bigreply");
-  EXPECT_EQ(std::count(download.begin(), download.end(), "InternetReadFileExA(102400) -> 102400"), 10);
-  EXPECT_TRUE(HasRun(download, {"InternetReadFileExA(102400) -> 24576", "InternetReadFileExA(77824) -> 0"}))
-      << Show(download);
-
-  Lines trickle = Run("trickle");
-  EXPECT_EQ(std::count(trickle.begin(), trickle.end(), "InternetReadFileExA(102400) -> 102400"), 10);
-
-  EXPECT_TRUE(HasRun(Run("emptyreply"), {"  W 100 (1,0)", "InternetReadFileExA(102400) -> 0",
-                                         "InternetCloseHandle(req) -> TRUE"}));
-  Lines missing = Run("notfound");
-  EXPECT_TRUE(HasRun(missing, {"  W 41 23", "  W 100 (1,0)", "InternetReadFileExA(102400) -> 18",
-                               "InternetReadFileExA(102382) -> 0"}))
-      << Show(missing);
-}
-
-TEST_F(InetScenarioTest, ShortOrMissingRepliesAreErrorsNotQuietEnds) {
-  Lines cut = Run("midclose");
-  EXPECT_TRUE(HasRun(cut, {"InternetReadFileExA(102400) -> 4000", "InternetReadFileExA(98400) -> error 12030",
-                           "InternetCloseHandle(req) -> TRUE"}))
-      << Show(cut);
-  Lines silent = Run("noreply");
-  EXPECT_TRUE(HasRun(silent, {"HttpEndRequestW -> pending", "  W 40", "  W 100 (0,12152)",
-                              "InternetCloseHandle(req) -> TRUE"}))
-      << Show(silent);
-}
-
-TEST_F(InetScenarioTest, DroppedPooledConnectionIsReplacedSilently) {
-  Lines trace = Run("stale");
-  EXPECT_TRUE(HasRun(trace, {"HttpOpenRequestA(POST /second) -> req", "  C 60 req",
-                             "HttpAddRequestHeadersW(REPLACE) -> TRUE", "HttpSendRequestExW(300) -> pending", "  W 20",
-                             "  W 21 \"127.0.0.1\"", "  W 30", "  W 31 653", "  W 100 (1,0)",
-                             "InternetWriteFile(300) -> 300"}))
-      << Show(trace);
-  EXPECT_EQ(std::count(trace.begin(), trace.end(), "InternetReadFileExA(102400) -> 120"), 2);
+TEST_F(InetScenarioTest, TracesHoldWinInetsSteps) {
+  const Passage passages[] = {
+      {"upload ends with the rest of its last block", "bigpost",
+       {"InternetWriteFile(20480) -> 20480", "HttpEndRequestW -> pending"}},
+      {"download ends with an empty read", "bigreply",
+       {"InternetReadFileExA(102400) -> 24576", "InternetReadFileExA(77824) -> 0"}},
+      {"empty reply reads 0 at once", "emptyreply",
+       {"  W 100 (1,0)", "InternetReadFileExA(102400) -> 0", "InternetCloseHandle(req) -> TRUE"}},
+      {"a 404 body reads like any other", "notfound",
+       {"  W 41 23", "  W 100 (1,0)", "InternetReadFileExA(102400) -> 18", "InternetReadFileExA(102382) -> 0"}},
+      {"a body cut short is an error", "midclose",
+       {"InternetReadFileExA(102400) -> 4000", "InternetReadFileExA(98400) -> error 12030",
+        "InternetCloseHandle(req) -> TRUE"}},
+      {"no status line is an error", "noreply",
+       {"HttpEndRequestW -> pending", "  W 40", "  W 100 (0,12152)", "InternetCloseHandle(req) -> TRUE"}},
+      {"a dropped pooled connection is replaced silently", "stale",
+       {"HttpOpenRequestA(POST /second) -> req", "  C 60 req", "HttpAddRequestHeadersW(REPLACE) -> TRUE",
+        "HttpSendRequestExW(300) -> pending", "  W 20", "  W 21 \"127.0.0.1\"", "  W 30", "  W 31 653",
+        "  W 100 (1,0)", "InternetWriteFile(300) -> 300"}},
+  };
+  std::map<std::string, Lines> traces;
+  for (const Passage& passage : passages) {
+    Lines& trace = traces[passage.scenario] = Run(passage.scenario);
+    EXPECT_TRUE(HasRun(trace, passage.steps)) << passage.behaviour << "\n" << Show(trace);
+  }
+  // Whole blocks both ways, however the reply trickles in.
+  traces["trickle"] = Run("trickle");
+  for (auto [scenario, call, count] : {std::tuple<const char*, const char*, long>{"bigpost", "InternetWriteFile", 51},
+                                       {"bigreply", "InternetReadFileExA", 10},
+                                       {"trickle", "InternetReadFileExA", 10}}) {
+    const Lines& trace = traces[scenario];
+    EXPECT_EQ(std::count(trace.begin(), trace.end(), std::string(call) + "(102400) -> 102400"), count) << scenario;
+  }
   EXPECT_EQ(servers->Raw("stale").Connections(), 2);
 }
 

@@ -239,9 +239,10 @@ template <class Entry> HINTERNET InetDriver::Create(const std::string& text, con
   return made;
 }
 
-bool InetDriver::Open() {
+bool InetDriver::Open(DWORD access, const std::string& proxy) {
   root = Create("InternetOpenW", "root", [&] {
-    return InternetOpenW(Widen(agent).c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, INTERNET_FLAG_ASYNC);
+    return InternetOpenW(Widen(agent).c_str(), access, proxy.empty() ? nullptr : Widen(proxy).c_str(), nullptr,
+                         INTERNET_FLAG_ASYNC);
   });
   if (!root) return false;
   std::size_t index = BeginCall("InternetSetStatusCallbackW");
@@ -284,12 +285,15 @@ InetDriver::Result InetDriver::AddContentType() {
   return result;
 }
 
-InetDriver::Result InetDriver::SendEx(DWORD total, bool wait) {
+InetDriver::Result InetDriver::SendEx(DWORD total, bool wait, Block form) {
   INTERNET_BUFFERSW block{};
   block.dwStructSize = sizeof block;
   block.dwBufferTotal = total;
+  char empty = 0;
+  if (form == Block::EmptyBuffer) block.lpvBuffer = &empty;
   return Call("HttpSendRequestExW(" + std::to_string(total) + ")", wait, nullptr, [&] {
-    return HttpSendRequestExW(request, &block, nullptr, HSR_INITIATE, reinterpret_cast<DWORD_PTR>(this));
+    return HttpSendRequestExW(request, form == Block::None ? nullptr : &block, nullptr, HSR_INITIATE,
+                              reinterpret_cast<DWORD_PTR>(this));
   });
 }
 

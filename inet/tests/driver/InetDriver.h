@@ -59,14 +59,18 @@ public:
   // How long a pending call and a close may take before the driver gives up on it.
   void SetWaits(std::chrono::milliseconds completion, std::chrono::milliseconds closing);
 
-  bool Open();
+  // The root, by default with the system's proxy settings.
+  bool Open(DWORD access = INTERNET_OPEN_TYPE_PRECONFIG, const std::string& proxy = "");
   bool Connect(const std::string& server, INTERNET_PORT port = 80);
   bool OpenRequest(const std::string& object, DWORD flags = engineFlags, const char* verb = "POST");
   // The engine's Content-Type line: REPLACE, then ADD if the header was not found.
   Result AddContentType();
   Result AddHeader(const std::string& line, DWORD modifiers);
   // With wait false a pending call is left running; Wait() or a close ends it.
-  Result SendEx(DWORD total, bool wait = true);
+  // How the send's buffers block looks: the total only, no block at all, or a buffer pointer with
+  // length 0 besides the total.
+  enum class Block { Total, None, EmptyBuffer };
+  Result SendEx(DWORD total, bool wait = true, Block form = Block::Total);
   Result Write(const char* data, DWORD size, bool wait = true);
   // The body in engine-sized chunks; stops at the first failure.
   Result WriteAll(const std::string& body, DWORD chunk = blockSize);
