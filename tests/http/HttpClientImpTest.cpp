@@ -158,6 +158,7 @@ TEST_F(EngineTest, ConnectPassesTheOwnersSettings) {
     const char* connect;
   } addresses[] = {{u"example.test", true, "InternetConnectW example.test:443 3 0"},
                    {u"[::1]:8443", false, "InternetConnectW [::1]:8443 3 0"},
+                   {u"host:1090", false, "InternetConnectW host:1090 3 0"},
                    {u"host:port", false, "InternetConnectW host:port:80 3 0"}};
   for (const auto& address : addresses) {
     Fresh();
