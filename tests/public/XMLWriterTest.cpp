@@ -41,19 +41,19 @@ TEST(XMLWriterTest, WritesWhatTheTreeHoldsUnchecked) {
   XML doc(u"t");
   XMLTag* top = doc.TopTag();
   top->AddAttr(u"k", u"1")->AddAttr(u"k", u"a/b>\"");
-  top->SetValue(u"\n\r\n\n\r-");
+  top->SetValue(u"\na\r\n\n\r-");
   top->AddComment(u"x --> y");
   top->NestTag(u"blank")->SetValue(u" ");
   top->NestTag(u"lines")->SetValue(u"1\r\n2");
   top->NestTag(u"quiet")->AddComment(u"left out");
   EXPECT_EQ(doc.GetText(), String(prolog) + u"<t k=\"1\" k=\"a/b>\"\">\r\n"
                                             u"<!-- x --> y -->\r\n"
-                                            u"[crlf][crlf][crlf]\r-\r\n"
+                                            u"[crlf]a[crlf][crlf]\r-\r\n"
                                             u"\t<blank> </blank>\r\n"
                                             u"\t<lines>1\r\n2</lines>\r\n"
                                             u"\t<quiet />\r\n"
                                             u"</t>\r\n");
-  EXPECT_EQ(top->GetValue(), String(u"\n\r\n\n\r-"));
+  EXPECT_EQ(top->GetValue(), String(u"\na\r\n\n\r-"));
 }
 
 TEST(XMLWriterTest, WriteAppendsToTheFileBufferAndWritesUtf8) {
