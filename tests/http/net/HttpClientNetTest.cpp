@@ -188,7 +188,9 @@ TEST_F(HttpClientNetTest, WatchdogEndsASlowRequestThroughTheClientsCancel) {
       // The call in progress still completes there; the next one finds the handle closed.
       EXPECT_NE(error, "");
     } else {
-      EXPECT_EQ(error, row.words);
+      // A cancel between two reads closes the handle before the next read starts, which then fails
+      // at once.
+      if (error != "Can't read requested data: The handle is invalid.") EXPECT_EQ(error, row.words);
       EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
     }
   }
