@@ -45,10 +45,15 @@ PROGRAMS = {
 BUILD_TARGETS = {'inet/src': ['qorinet']}
 
 # Survivors shown to be equivalent (the library behaves the same) are left out of the rate, each
-# with its reason: the mutant as the report describes it, a tab, the reason.
+# with its reason: the mutant as the report describes it but without its line number (which moves
+# with every edit above it), a tab, the reason.
 EQUIVALENT_FILE = Path(__file__).with_name('equivalent-mutants.txt')
 EQUIVALENT = dict(line.split('\t', 1) for line in EQUIVALENT_FILE.read_text(encoding='utf-8').splitlines()
                   if '\t' in line and not line.startswith('#')) if EQUIVALENT_FILE.exists() else {}
+
+
+def equivalence_key(description):
+    return re.sub(r'^([^:]+):\d+: ', r'\1: ', description)
 
 Mutant = namedtuple('Mutant', 'path line col old new kind source')
 
@@ -326,7 +331,7 @@ def run(mutants, report_path, whole):
                     outcome = 'killed' if killers[describe(m)] else 'survived'
                 else:
                     outcome = 'survived' if tests_pass(FOLDERS[folder], limits) else 'killed'
-                if outcome == 'survived' and describe(m) in EQUIVALENT:
+                if outcome == 'survived' and equivalence_key(describe(m)) in EQUIVALENT:
                     outcome = 'equivalent'
             finally:
                 file.write_text(original, encoding='utf-8')
@@ -405,7 +410,7 @@ def summary(outcomes, seconds):
     lines += survivors
     equivalent = [describe(m) for m, outcome in outcomes if outcome == 'equivalent']
     lines.append(f'equivalent, left out of the rate ({len(equivalent)}):')
-    lines += [f'{d}  -- {EQUIVALENT[d]}' for d in equivalent]
+    lines += [f'{d}  -- {EQUIVALENT[equivalence_key(d)]}' for d in equivalent]
     return '\n'.join(lines) + '\n'
 
 
