@@ -227,9 +227,15 @@ TEST_F(ClientTest, ProgressWithTooSmallATotalFollowsTheBytes) {
 }
 
 TEST(ClientLimitsTest, TimeLimitsTooLongForMillisecondsMeanNoLimit) {
+  FakeWinInet fake;
   HttpClient client(u"agent", u"example.test", false, 4294968, 4294967);
   EXPECT_EQ(client.connectTimeout, 0xFFFFFFFFu);
   EXPECT_EQ(client.requestTimeout, 4294967000u);
+  // Beyond what a wait takes in milliseconds, and still no limit: a request that outlives the
+  // watchdog's late start is not cancelled.
+  fake.Script(Api::HttpEndRequestW, FakeCall::Pend(50));
+  String reply;
+  EXPECT_EQ(TakeText(client.Retrieve(u"/q", reply)), "");
 }
 
 } // namespace
