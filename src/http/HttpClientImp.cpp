@@ -36,8 +36,6 @@ int WaitForCompletion(SVArray<Event*, Event*>& events, int milliseconds) {
 
 int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds) = &WaitForCompletion;
 
-std::size_t uploadBlockSize = std::size_t{1} << 20;
-
 namespace {
 
 // Guards every engine's request handle and cancelled mark.
@@ -134,6 +132,8 @@ ServerAddress SplitServer(const String& server, bool secure) {
 }
 
 } // namespace
+
+std::size_t uploadBlockSize = std::size_t{1} << 20;
 
 // The blocks of one request that a pending call may read or write. Held by the engine and by
 // each request handle that received them; the last holder frees them.
