@@ -607,8 +607,6 @@ ErrorInfo* HttpClientImp::WriteRequestData() {
     auto chunks = static_cast<std::size_t>(static_cast<double>(std::max(owner->progressDuration, 0)) /
                                                    std::max(owner->progressInterval, 1));
     chunk = static_cast<std::size_t>(total / std::max<std::size_t>(chunks, 1));
-  } else if (staged) {
-    chunk = uploadBlockSize;
   }
   chunk = std::max<std::size_t>(chunk, 1);
   const char* position = request.body;
@@ -633,9 +631,8 @@ ErrorInfo* HttpClientImp::WriteRequestData() {
       if (!done) code = QOR::GetLastError();
     }
     if (!done) {
-      if (staged && code == errorIoPending && offered == available && ready == 0 && !readError &&
-          written + offered < total)
-        readError = FillStage(1 - stage, written + offered, ready);
+      if (staged && code == errorIoPending && ready == 0 && !readError && written + available < total)
+        readError = FillStage(1 - stage, written + available, ready);
       if (ErrorInfo* error = AwaitCompletion(Step::WriteRequestData, code)) {
         delete readError;
         return error;

@@ -232,7 +232,7 @@ TEST_F(ClientTest, UploadFileGoesOutFromTheFileInBlocks) {
   const std::string whole = WholeBody(file);
   for (bool progress : {false, true}) {
     SCOPED_TRACE(progress ? "progress" : "no progress");
-    for (int i = 0; i < 6; ++i) fake.Script(Api::InternetWriteFile, FakeCall::Pend(1));
+    for (int i = 0; i < (progress ? 40 : 6); ++i) fake.Script(Api::InternetWriteFile, FakeCall::Pend(1));
     FakeCall shortWrite = FakeCall::Pend(1);
     shortWrite.bytes = 10;
     fake.Script(Api::InternetWriteFile, std::move(shortWrite));
