@@ -10,15 +10,19 @@
 
 #include "xml/XMLTagAccess.h"
 
+#include <qorxmlu/foundation/Encoding.h>
+#include <qorxmlu/foundation/ReadableFile.h>
+
+#include "foundation/Simd.h"
+
+#include <algorithm>
 #include <bit>
+#include <cstring>
 #include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 namespace QOR {
 
@@ -50,81 +54,41 @@ const char16_t* const missingEndTag = u"Missing end tag for XML data";
 
 ErrorInfo* Fail(const char16_t* text) { return MakeError(String(text)); }
 
-bool Contains(View line, View text) { return line.find(text) != none; }
+// The document is read in one of two unit types: 16-bit units (a String, or a UTF-16 file) or
+// the UTF-8 bytes of a file, undecoded. Every character that steers the reading is ASCII, and in
+// UTF-8 an ASCII byte always decodes to itself alone, even next to bad bytes; so the steering
+// characters stand in the same order and next to the same kinds of neighbours in the bytes as in
+// the units, and a text cut out at them decodes to the units cut out at them. Only what the tree
+// keeps is decoded.
+template <class Char>
+using TextOf = std::basic_string_view<Char>;
 
 // The characters that String::TrimAll and TrimLeft remove.
-bool IsBlank(char16_t c) { return c == u' ' || c == u'\t' || c == u'\r' || c == u'\n' || c == u'\v' || c == u'\f'; }
+template <class Char>
+bool IsBlank(Char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+}
 
-View TrimLeft(View text) {
+template <class Char>
+TextOf<Char> TrimLeft(TextOf<Char> text) {
   std::size_t start = 0;
   while (start < text.size() && IsBlank(text[start])) ++start;
   return text.substr(start);
 }
 
-View TrimAll(View text) {
+template <class Char>
+TextOf<Char> TrimAll(TextOf<Char> text) {
   text = TrimLeft(text);
   std::size_t end = text.size();
   while (end > 0 && IsBlank(text[end - 1])) --end;
   return text.substr(0, end);
 }
 
-// Where the raw lines come from.
-class LineSource {
-public:
-  virtual ~LineSource() = default;
-  // Puts the next line, without its line end, into line; false at the end.
-  virtual bool Next(String& line) = 0;
-};
-
-class TextLines final : public LineSource {
-public:
-  explicit TextLines(String text) : parser(std::move(text)) { parser.lineMode = true; }
-  bool Next(String& line) override { return parser.GetNextElem(&line, 0); }
-
-private:
-  ParsableText parser;
-};
-
-// Lines of a file. A read error ends the lines and is kept for the caller; an exception from the
-// file layer is marked, so that it can pass to the caller unchanged.
-class FileLines final : public LineSource {
-public:
-  explicit FileLines(LineParsableFile& file) : file(file) {}
-  ~FileLines() override { delete error; }
-
-  bool Next(String& line) override {
-    if (error || ended) return false;
-    try {
-      ended = file.NextLine(line, error, 0) == 0;
-    } catch (...) {
-      threw = true;
-      throw;
-    }
-    return !ended && !error;
-  }
-
-  // Reads what is left of the file, for its errors only.
-  void Drain() {
-    String line;
-    while (Next(line)) {
-    }
-  }
-
-  bool Threw() const { return threw; }
-  ErrorInfo* TakeError() { return std::exchange(error, nullptr); }
-
-private:
-  LineParsableFile& file;
-  ErrorInfo* error = nullptr;
-  bool ended = false;
-  bool threw = false;
-};
-
 // The position of the first "<", ">" or "!" in the text, or its length; eight units at a time
 // where the processor allows.
 std::size_t NextMarker(const char16_t* text, std::size_t length) {
   std::size_t at = 0;
-#if defined(__SSE2__)
+#if defined(QORXMLU_HAVE_SSE2)
   const __m128i open = _mm_set1_epi16('<'), close = _mm_set1_epi16('>'), bang = _mm_set1_epi16('!');
   for (; at + 8 <= length; at += 8) {
     const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at));
@@ -140,8 +104,8 @@ std::size_t NextMarker(const char16_t* text, std::size_t length) {
   return length;
 }
 
-// Where the characters that steer the reading stand in a line, found in one pass. Blanks at the
-// ends of a line never hold them, so the positions serve the trimmed line too.
+// Where the characters that steer the reading stand in a line. Blanks at the ends of a line never
+// hold them, so the positions serve the trimmed line too.
 struct LineMarks {
   std::size_t firstOpen = none;    // "<"
   std::size_t firstEndOpen = none; // "</"
@@ -149,81 +113,336 @@ struct LineMarks {
   bool emptyTagEnd = false;        // "/>" somewhere
   bool comment = false;            // "!--" somewhere
 
+  // Takes in the marker at i of text, a line of length units; false once the line is a comment,
+  // when the later markers no longer matter.
+  template <class Char>
+  bool Take(const Char* text, std::size_t length, std::size_t i) {
+    const Char c = text[i];
+    if (c == '<') {
+      if (firstOpen == none) firstOpen = i;
+      if (firstEndOpen == none && i + 1 < length && text[i + 1] == '/') firstEndOpen = i;
+    } else if (c == '>') {
+      if (firstClose == none) firstClose = i;
+      if (i > 0 && text[i - 1] == '/') emptyTagEnd = true;
+    } else if (i + 2 < length && text[i + 1] == '-' && text[i + 2] == '-') {
+      comment = true;
+      return false;
+    }
+    return true;
+  }
+
+  // All marks of a line of 16-bit units in one pass.
   explicit LineMarks(View line) {
     const char16_t* text = line.data();
     const std::size_t length = line.size();
     for (std::size_t i = NextMarker(text, length); i < length; i += 1 + NextMarker(text + i + 1, length - i - 1)) {
-      const char16_t c = text[i];
-      if (c == u'<') {
-        if (firstOpen == none) firstOpen = i;
-        if (firstEndOpen == none && i + 1 < length && text[i + 1] == u'/') firstEndOpen = i;
-      } else if (c == u'>') {
-        if (firstClose == none) firstClose = i;
-        if (i > 0 && text[i - 1] == u'/') emptyTagEnd = true;
-      } else if (i + 2 < length && text[i + 1] == u'-' && text[i + 2] == u'-') {
-        comment = true;
-        return;
-      }
+      if (!Take(text, length, i)) return;
     }
   }
   LineMarks() = default;
 };
 
+template <class Char>
+struct Line {
+  const Char* text = nullptr;
+  std::size_t length = 0;
+  LineMarks marks;
+
+  TextOf<Char> Text() const { return {text, length}; }
+};
+
+// Whether the units that follow "</" at text, up to the next ">", are the name. A name that the
+// reader gave a tag never holds ">".
+bool EndTagNameAt(TextOf<char16_t> rest, View name) {
+  return name.size() < rest.size() && rest[name.size()] == u'>' && rest.compare(0, name.size(), name) == 0;
+}
+
+bool EndTagNameAt(TextOf<char> rest, View name) {
+  const std::size_t close = rest.find('>');
+  if (close == none || close < name.size()) return false; // no byte decodes to more than one unit
+  const TextOf<char> bytes = rest.substr(0, close);
+  std::size_t i = 0;
+  if (bytes.size() == name.size()) {
+    while (i < bytes.size() && bytes[i] == name[i] && name[i] < 0x80) ++i;
+    if (i == bytes.size()) return true;
+    if (static_cast<unsigned char>(bytes[i]) < 0x80) return false;
+  } else {
+    while (i < bytes.size() && static_cast<unsigned char>(bytes[i]) < 0x80) ++i;
+    if (i == bytes.size()) return false; // ASCII of another length
+  }
+  // Other characters than ASCII: decode and compare.
+  std::u16string units(bytes.size(), u'\0');
+  units.resize(DecodeUtf8Units(bytes.data(), bytes.size(), units.data()));
+  return View(units) == name;
+}
+
 // Whether "</", name and ">" stand in the line; from is the first "</" of the line.
-bool ContainsEndTag(View line, std::size_t from, View name) {
-  for (std::size_t at = from; at != none; at = line.find(u"</", at + 2)) {
-    const std::size_t close = at + 2 + name.size();
-    if (close < line.size() && line[close] == u'>' && line.compare(at + 2, name.size(), name) == 0) return true;
+template <class Char>
+bool ContainsEndTag(TextOf<Char> line, std::size_t from, View name) {
+  constexpr Char endOpen[] = {'<', '/'};
+  for (std::size_t at = from; at != none; at = line.find(TextOf<Char>(endOpen, 2), at + 2)) {
+    if (EndTagNameAt(line.substr(at + 2), name)) return true;
   }
   return false;
 }
 
-struct Line {
-  String text;
-  LineMarks marks;
+template <class Char>
+bool HasEndTag(const Line<Char>& line, View name) {
+  return line.marks.firstEndOpen != none && ContainsEndTag(line.Text(), line.marks.firstEndOpen, name);
+}
 
-  bool HasEndTag(View name) const {
-    return marks.firstEndOpen != none && ContainsEndTag(text.View(), marks.firstEndOpen, name);
+// ---- where the lines come from ------------------------------------------------------------
+// A source puts the next raw line, without its line end and with its marks, into line and says
+// false at the end. The units of the line given as kept must stay readable (a source may move
+// them, and then moves the line's text pointer along).
+
+// The lines of a String, in place.
+class TextLines {
+public:
+  explicit TextLines(View text) : text(text) {}
+  bool Next(Line<char16_t>& line, Line<char16_t>*) {
+    if (position >= text.size()) return false;
+    std::size_t stop = text.find(u'\n', position);
+    if (stop == none) stop = text.size();
+    const std::size_t next = stop + 1;
+    if (stop > position && text[stop - 1] == u'\r') --stop;
+    line.text = text.data() + position;
+    line.length = stop - position;
+    line.marks = LineMarks(line.Text());
+    position = next;
+    return true;
   }
+
+private:
+  View text;
+  std::size_t position = 0;
+};
+
+// The lines of a UTF-16 file, decoded one at a time by the file layer into two Strings in turn.
+// A read error ends the lines and is kept for the caller; an exception from the file layer is
+// marked, so that it can pass to the caller unchanged.
+class Utf16FileLines {
+public:
+  explicit Utf16FileLines(LineParsableFile& file) : file(file) {}
+  ~Utf16FileLines() { delete error; }
+
+  bool Next(Line<char16_t>& line, Line<char16_t>* kept) {
+    if (error || ended) return false;
+    String& room = kept && kept->text == slots[0].View().data() && kept->length ? slots[1] : slots[0];
+    try {
+      ended = file.NextLine(room, error, 0) == 0;
+    } catch (...) {
+      threw = true;
+      throw;
+    }
+    if (ended || error) return false;
+    line.text = room.View().data();
+    line.length = room.Len();
+    line.marks = LineMarks(line.Text());
+    return true;
+  }
+
+  // Reads what is left of the file, for its errors only.
+  void Drain() {
+    Line<char16_t> line;
+    while (Next(line, nullptr)) {
+    }
+  }
+
+  bool Threw() const { return threw; }
+  ErrorInfo* TakeError() { return std::exchange(error, nullptr); }
+
+private:
+  LineParsableFile& file;
+  String slots[2];
+  ErrorInfo* error = nullptr;
+  bool ended = false;
+  bool threw = false;
+};
+
+// The lines of a UTF-8 file as bytes, read in blocks into one buffer. The line end and the
+// markers of a line are found in one pass, sixteen bytes at a time where the processor allows.
+class Utf8FileLines {
+public:
+  explicit Utf8FileLines(ReadableFile& file) : file(file) {}
+  Utf8FileLines(const Utf8FileLines&) = delete;
+  Utf8FileLines& operator=(const Utf8FileLines&) = delete;
+  ~Utf8FileLines() { delete error; }
+
+  // Reads the first bytes: false, with the file still at its start, when a byte order mark says
+  // UTF-16. An EF BB BF mark is passed over.
+  bool Start() {
+    while (!atEnd && !error && end < 3) Refill(nullptr);
+    const auto* b = reinterpret_cast<const unsigned char*>(buffer.get());
+    if (end >= 2 && ((b[0] == 0xFF && b[1] == 0xFE) || (b[0] == 0xFE && b[1] == 0xFF))) return false;
+    if (end >= 3 && b[0] == 0xEF && b[1] == 0xBB && b[2] == 0xBF) begin = 3;
+    return true;
+  }
+
+  bool Next(Line<char>& line, Line<char>* kept) {
+    for (;;) {
+      if (error) return false;
+      if (Scan(line)) return true;
+      if (atEnd) {
+        if (begin >= end) return false; // a final line end makes no extra empty line
+        // The last line has no line end; the scan saw all its markers.
+        const char* text = buffer.get() + begin;
+        std::size_t length = end - begin;
+        if (text[length - 1] == '\r') --length;
+        line.text = text;
+        line.length = length;
+        begin = end;
+        return true;
+      }
+      Refill(kept);
+    }
+  }
+
+  void Drain() {
+    while (!atEnd && !error) {
+      begin = end;
+      Refill(nullptr);
+    }
+  }
+
+  bool Threw() const { return threw; }
+  ErrorInfo* TakeError() { return std::exchange(error, nullptr); }
+
+private:
+  static constexpr std::size_t blockSize = 256 * 1024;
+  static constexpr std::size_t padding = 16; // zero bytes behind the data, for whole blocks of sixteen
+
+  // The line at begin if its line end is in the buffer; its marks go to line.marks either way.
+  bool Scan(Line<char>& line) {
+    const char* text = buffer.get() + begin;
+    const char* const stop = buffer.get() + end;
+    LineMarks marks;
+    const char* lineEnd = nullptr;
+    const char* chunk = text;
+    bool markers = true; // false once the line is a comment
+#if defined(QORXMLU_HAVE_SSE2)
+    const __m128i newline = _mm_set1_epi8('\n'), open = _mm_set1_epi8('<'), close = _mm_set1_epi8('>'),
+                  bang = _mm_set1_epi8('!');
+    for (; chunk < stop && !lineEnd; chunk += 16) {
+      const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(chunk));
+      const __m128i ends = _mm_cmpeq_epi8(bytes, newline);
+      __m128i hits = ends;
+      if (markers)
+        hits = _mm_or_si128(_mm_or_si128(hits, _mm_cmpeq_epi8(bytes, open)),
+                            _mm_or_si128(_mm_cmpeq_epi8(bytes, close), _mm_cmpeq_epi8(bytes, bang)));
+      unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hits));
+      if (stop - chunk < 16) mask &= (1u << (stop - chunk)) - 1;
+      for (; mask; mask &= mask - 1) {
+        const char* hit = chunk + std::countr_zero(mask);
+        if (*hit == '\n') {
+          lineEnd = hit;
+          break;
+        }
+        // The line's length is not known yet: the bytes up to a possible line end stand for
+        // it, and a marker's neighbours beyond the line are never what the marks look for.
+        if (markers && !marks.Take(text, static_cast<std::size_t>(stop - text + 1), static_cast<std::size_t>(hit - text)))
+          markers = false;
+      }
+    }
+#else
+    for (; chunk < stop; ++chunk) {
+      if (*chunk == '\n') {
+        lineEnd = chunk;
+        break;
+      }
+      if (markers && (*chunk == '<' || *chunk == '>' || *chunk == '!') &&
+          !marks.Take(text, static_cast<std::size_t>(stop - text + 1), static_cast<std::size_t>(chunk - text)))
+        markers = false;
+    }
+#endif
+    line.marks = marks;
+    if (!lineEnd) return false;
+    std::size_t length = static_cast<std::size_t>(lineEnd - text);
+    begin += length + 1;
+    if (length > 0 && text[length - 1] == '\r') --length;
+    line.text = text;
+    line.length = length;
+    return true;
+  }
+
+  // Moves the unread bytes and the kept line to the front and reads the next block.
+  void Refill(Line<char>* kept) {
+    std::size_t from = begin;
+    if (kept && kept->text) from = std::min(from, static_cast<std::size_t>(kept->text - buffer.get()));
+    const std::size_t keep = end - from;
+    if (!buffer || capacity - keep < blockSize / 2 + padding) {
+      const std::size_t grown = std::max(blockSize, 2 * (keep + blockSize / 2)) + padding;
+      std::unique_ptr<char[]> bigger(new char[grown]);
+      if (keep) std::memcpy(bigger.get(), buffer.get() + from, keep);
+      if (kept && kept->text) kept->text = bigger.get() + (kept->text - (buffer.get() + from));
+      buffer = std::move(bigger);
+      capacity = grown;
+    } else if (from > 0) {
+      std::memmove(buffer.get(), buffer.get() + from, keep);
+      if (kept && kept->text) kept->text -= from;
+    }
+    begin -= from;
+    end = keep;
+    std::size_t got = 0;
+    try {
+      error = file.ReadFile(buffer.get() + end, capacity - padding - end, &got);
+    } catch (...) {
+      threw = true;
+      throw;
+    }
+    end += got;
+    atEnd = got == 0 && !error;
+    std::memset(buffer.get() + end, 0, padding);
+  }
+
+  ReadableFile& file;
+  std::unique_ptr<char[]> buffer;
+  std::size_t capacity = 0; // of buffer, the padding included
+  std::size_t begin = 0;    // the first byte not yet handed out in a line
+  std::size_t end = 0;      // behind the last byte read
+  bool atEnd = false;
+  bool threw = false;
+  ErrorInfo* error = nullptr;
 };
 
 // The document's lines without empty and comment lines, read one ahead of the current one.
+template <class Char, class Source>
 class DocumentLines {
 public:
-  explicit DocumentLines(LineSource& source) : source(source) {}
+  explicit DocumentLines(Source& source) : source(source) {}
 
   // Moves to the next line; false when there is none.
   bool Advance() {
-    if (!nextKnown) hasNext = Fetch(slots[1 - currentSlot]);
+    if (!nextKnown) hasNext = Fetch();
     nextKnown = false;
     if (!hasNext) return false;
     currentSlot = 1 - currentSlot;
     return true;
   }
-  const Line& Current() const { return slots[currentSlot]; }
+  const Line<Char>& Current() const { return slots[currentSlot]; }
   // Whether a line follows the current one.
   bool HasNext() {
     if (!nextKnown) {
-      hasNext = Fetch(slots[1 - currentSlot]);
+      hasNext = Fetch();
       nextKnown = true;
     }
     return hasNext;
   }
   // The line after the current one; HasNext() must have said there is one.
-  const Line& Next() const { return slots[1 - currentSlot]; }
+  const Line<Char>& Next() const { return slots[1 - currentSlot]; }
 
 private:
-  bool Fetch(Line& line) {
-    while (source.Next(line.text)) {
-      if (line.text.IsEmpty()) continue;
-      line.marks = LineMarks(line.text.View());
-      if (!line.marks.comment) return true;
+  bool Fetch() {
+    Line<Char>& line = slots[1 - currentSlot];
+    while (source.Next(line, &slots[currentSlot])) {
+      if (line.length == 0 || line.marks.comment) continue;
+      return true;
     }
     return false;
   }
 
-  LineSource& source;
-  Line slots[2]; // the current line and the one after it take turns
+  Source& source;
+  Line<Char> slots[2]; // the current line and the one after it take turns
   int currentSlot = 0;
   bool nextKnown = false;
   bool hasNext = false;
@@ -237,13 +456,18 @@ public:
 
   XMLTag* NewTag(XMLTag* parent) { return XMLTagAccess::MakeIn(tags, parent); }
 
-  void SetText(const XMLTag& tag, TagText& field, View text) {
+  void SetText(const XMLTag& tag, TagText& field, TextOf<char16_t> text) {
     if (&tag == &top) field.Assign(text);
     else field.Borrow(texts.Keep(text));
   }
+  void SetText(const XMLTag& tag, TagText& field, TextOf<char> text) {
+    if (&tag == &top) Own(field, text);
+    else field.Borrow(texts.KeepUtf8(text.data(), text.size()));
+  }
 
   // Gives the tag the attributes gathered in pairs (name, value, name, value, ...).
-  void SetAttributes(XMLTag& tag, const std::vector<View>& pairs) {
+  template <class Char>
+  void SetAttributes(XMLTag& tag, const std::vector<TextOf<Char>>& pairs) {
     const std::size_t count = pairs.size() / 2;
     if (count == 0) return;
     const bool isTop = &tag == &top;
@@ -252,11 +476,11 @@ public:
     for (std::size_t i = 0; i < count; ++i) {
       XMLAttrEntry& entry = block->Append();
       if (isTop) {
-        entry.name.Assign(pairs[2 * i]);
-        entry.value.Assign(pairs[2 * i + 1]);
+        Own(entry.name, pairs[2 * i]);
+        Own(entry.value, pairs[2 * i + 1]);
       } else {
-        entry.name.Borrow(texts.Keep(pairs[2 * i]));
-        entry.value.Borrow(texts.Keep(pairs[2 * i + 1]));
+        Keep(entry.name, pairs[2 * i]);
+        Keep(entry.value, pairs[2 * i + 1]);
       }
     }
   }
@@ -272,6 +496,15 @@ public:
   }
 
 private:
+  static void Own(TagText& field, TextOf<char16_t> text) { field.Assign(text); }
+  static void Own(TagText& field, TextOf<char> text) {
+    std::u16string units(text.size(), u'\0');
+    units.resize(DecodeUtf8Units(text.data(), text.size(), units.data()));
+    field.Assign(units);
+  }
+  void Keep(TagText& field, TextOf<char16_t> text) { field.Borrow(texts.Keep(text)); }
+  void Keep(TagText& field, TextOf<char> text) { field.Borrow(texts.KeepUtf8(text.data(), text.size())); }
+
   XMLTag& top;
   XMLArena& tags;
   XMLArena& texts;
@@ -280,21 +513,22 @@ private:
 // The attributes of a start tag, from the text between "<" and ">" behind the name and one
 // separator, gathered in pairs. A "/" ends the scan even inside quotes; a value opened and not
 // closed, or an "=" with no quote behind it, is an error. Text with no "=" is passed over.
-ErrorInfo* ScanAttributes(View inner, std::size_t start, std::vector<View>& pairs) {
+template <class Char>
+ErrorInfo* ScanAttributes(TextOf<Char> inner, std::size_t start, std::vector<TextOf<Char>>& pairs) {
   const std::size_t length = inner.size();
   std::size_t i = start;
   for (;;) {
     const std::size_t nameStart = i;
-    while (i < length && inner[i] != u'=' && inner[i] != u'/') ++i;
-    if (i >= length || inner[i] == u'/') return nullptr;
-    const View attrName = TrimLeft(inner.substr(nameStart, i - nameStart));
+    while (i < length && inner[i] != '=' && inner[i] != '/') ++i;
+    if (i >= length || inner[i] == '/') return nullptr;
+    const TextOf<Char> attrName = TrimLeft(inner.substr(nameStart, i - nameStart));
     ++i;
-    while (i < length && inner[i] != u'"' && inner[i] != u'\'' && inner[i] != u'/') ++i;
-    if (i >= length || inner[i] == u'/') return Fail(message::badlyFormedAttrValue);
-    const char16_t quote = inner[i];
+    while (i < length && inner[i] != '"' && inner[i] != '\'' && inner[i] != '/') ++i;
+    if (i >= length || inner[i] == '/') return Fail(message::badlyFormedAttrValue);
+    const Char quote = inner[i];
     const std::size_t valueStart = ++i;
-    while (i < length && inner[i] != quote && inner[i] != u'/') ++i;
-    if (i >= length || inner[i] == u'/') return Fail(message::badlyFormedAttrValue);
+    while (i < length && inner[i] != quote && inner[i] != '/') ++i;
+    if (i >= length || inner[i] == '/') return Fail(message::badlyFormedAttrValue);
     pairs.push_back(attrName);
     pairs.push_back(inner.substr(valueStart, i - valueStart));
     ++i;
@@ -303,11 +537,12 @@ ErrorInfo* ScanAttributes(View inner, std::size_t start, std::vector<View>& pair
 
 // Reads the start line of a tag: name, attributes, and the value of a tag that ends on the same
 // line. complete tells whether the tag ends there. pairs is room for the scan of the attributes.
-ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line& rawLine, bool& complete,
-                         std::vector<View>& pairs) {
+template <class Char>
+ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line<Char>& rawLine, bool& complete,
+                         std::vector<TextOf<Char>>& pairs) {
   const LineMarks& marks = rawLine.marks;
-  const View raw = rawLine.text.View();
-  const View line = TrimAll(raw);
+  const TextOf<Char> raw = rawLine.Text();
+  const TextOf<Char> line = TrimAll(raw);
   const std::size_t shift = static_cast<std::size_t>(line.data() - raw.data());
   auto trimmed = [shift](std::size_t at) { return at == none ? none : at - shift; };
   const std::size_t start = trimmed(marks.firstOpen);
@@ -316,12 +551,11 @@ ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line& rawLine,
   if (start == none) return Fail(message::missingTagStart);
   if (end != none && end <= start) return Fail(message::badlyPlacedTagEnd);
   if (close == none || close < start) return Fail(message::badlyFormedData);
-  const View inner = line.substr(start + 1, close - start - 1);
+  const TextOf<Char> inner = line.substr(start + 1, close - start - 1);
   std::size_t nameLength = 0;
-  while (nameLength < inner.size() && inner[nameLength] != u' ' && inner[nameLength] != u'\t') ++nameLength;
+  while (nameLength < inner.size() && inner[nameLength] != ' ' && inner[nameLength] != '\t') ++nameLength;
   if (nameLength == 0) return Fail(message::badlyFormedName);
-  const View name = inner.substr(0, nameLength);
-  storage.SetText(tag, XMLTagAccess::Name(tag), name);
+  storage.SetText(tag, XMLTagAccess::Name(tag), inner.substr(0, nameLength));
   pairs.clear();
   ErrorInfo* scanError = ScanAttributes(inner, nameLength + 1, pairs);
   // The attributes read before a failure stay with the tag.
@@ -332,11 +566,9 @@ ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line& rawLine,
   if (marks.emptyTagEnd) return nullptr;
   if (end != none) {
     // One line: the first "</" must open this tag's own end tag.
-    const std::size_t endClose = end + 2 + name.size();
-    if (endClose >= line.size() || line[endClose] != u'>' || line.compare(end + 2, name.size(), name) != 0)
-      return Fail(message::badlyFormedEndTag);
+    if (!EndTagNameAt(line.substr(end + 2), XMLTagAccess::Name(tag).View())) return Fail(message::badlyFormedEndTag);
     // In "<a </a>" the first ">" closes the end tag itself: there is no value then.
-    storage.SetText(tag, XMLTagAccess::Value(tag), close < end ? line.substr(close + 1, end - close - 1) : View());
+    storage.SetText(tag, XMLTagAccess::Value(tag), close < end ? line.substr(close + 1, end - close - 1) : TextOf<Char>());
     return nullptr;
   }
   complete = false;
@@ -345,9 +577,11 @@ ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line& rawLine,
 
 // Builds the tree under the top tag from the line at the cursor on. A tag joins its parent's list
 // only when it has been read completely; on failure the unfinished tags are destroyed.
+template <class Char, class Source>
 class TreeReader {
 public:
-  TreeReader(XMLTag& top, DocumentLines& lines, TreeStorage& storage) : top(top), lines(lines), storage(storage) {}
+  TreeReader(XMLTag& top, DocumentLines<Char, Source>& lines, TreeStorage& storage)
+      : top(top), lines(lines), storage(storage) {}
   TreeReader(const TreeReader&) = delete;
   TreeReader& operator=(const TreeReader&) = delete;
   ~TreeReader() {
@@ -399,8 +633,8 @@ private:
     const View name = XMLTagAccess::Name(*open.tag).View();
     if (!lines.HasNext()) return Fail(message::badlyFormedData);
     lines.Advance();
-    const Line& line = lines.Current();
-    if (line.HasEndTag(name)) {
+    const Line<Char>& line = lines.Current();
+    if (HasEndTag(line, name)) {
       openTags.pop_back();
       storage.SetNestedTags(*open.tag, finished, open.firstNested);
       if (open.tag != &top) finished.push_back(open.tag);
@@ -411,28 +645,55 @@ private:
       return nullptr;
     }
     // A text line is the tag's value and must stand directly before the end tag.
-    storage.SetText(*open.tag, XMLTagAccess::Value(*open.tag), line.text.View());
+    storage.SetText(*open.tag, XMLTagAccess::Value(*open.tag), line.Text());
     if (!lines.HasNext()) return Fail(message::badlyFormedData);
-    if (!lines.Next().HasEndTag(name)) return Fail(message::missingEndTag);
+    if (!HasEndTag(lines.Next(), name)) return Fail(message::missingEndTag);
     return nullptr;
   }
 
   XMLTag& top;
-  DocumentLines& lines;
+  DocumentLines<Char, Source>& lines;
   TreeStorage& storage;
   XMLTag* starting = nullptr;   // the tag whose start line is at the cursor; not yet attached
   std::vector<Open> openTags;   // tags read over several lines, outermost first
   std::vector<XMLTag*> finished; // tags read completely, not yet given to their open parent
-  std::vector<View> pairs;       // the attribute scan's room, reused from tag to tag
+  std::vector<TextOf<Char>> pairs; // the attribute scan's room, reused from tag to tag
 };
 
 // Checks the prolog and reads the top tag from the line behind it.
-ErrorInfo* ParseLines(XMLTag& top, DocumentLines& lines, TreeStorage& storage) {
+template <class Char, class Source>
+ErrorInfo* ParseLines(XMLTag& top, Source& source, TreeStorage& storage) {
+  DocumentLines<Char, Source> lines(source);
   if (!lines.Advance() || !lines.HasNext()) return Fail(message::emptyData);
-  if (!Contains(lines.Current().text.View(), u"xml version=\"1.0\"")) return Fail(message::unrecognisedVersion);
+  constexpr char versionText[] = "xml version=\"1.0\"";
+  Char version[sizeof versionText - 1];
+  std::copy(versionText, versionText + sizeof version / sizeof(Char), version);
+  if (lines.Current().Text().find(TextOf<Char>(version, sizeof version / sizeof(Char))) == none)
+    return Fail(message::unrecognisedVersion);
   lines.Advance();
-  TreeReader reader(top, lines, storage);
+  TreeReader<Char, Source> reader(top, lines, storage);
   return reader.Run();
+}
+
+// Reads a file through source (UTF-8 or UTF-16 lines) into the document's top tag.
+// clear tells that a read error ended it: the caller then clears the document again.
+template <class Char, class Source>
+ErrorInfo* ReadFileLines(XMLTag& top, Source& source, TreeStorage& storage, bool& clear) {
+  std::unique_ptr<ErrorInfo> result;
+  try {
+    result.reset(ParseLines<Char>(top, source, storage));
+  } catch (...) {
+    if (source.Threw()) throw; // the file layer's own exceptions are not the parser's to turn
+    result.reset(Fail(message::unknownException));
+  }
+  // A read error anywhere in the file wins over whatever the lines said, and leaves the document
+  // as cleared before reading; so the file is read to its end even after the top tag is complete.
+  source.Drain();
+  if (ErrorInfo* readError = source.TakeError()) {
+    clear = true;
+    return readError;
+  }
+  return result.release();
 }
 
 } // namespace
@@ -443,9 +704,8 @@ ErrorInfo* XML::ReadText(String text) {
     tagArena = XMLArena::Create();
     textArena = XMLArena::Create();
     TreeStorage storage(*topTag, *tagArena, *textArena);
-    TextLines source(std::move(text));
-    DocumentLines lines(source);
-    return ParseLines(*topTag, lines, storage);
+    TextLines source(text.View());
+    return ParseLines<char16_t>(*topTag, source, storage);
   } catch (...) {
     return Fail(message::unknownException);
   }
@@ -453,31 +713,44 @@ ErrorInfo* XML::ReadText(String text) {
 
 ErrorInfo* XML::ReadFile(String path) {
   ClearTree();
-  LineParsableFile file(std::move(path));
+  ReadableFile file(path);
   if (ErrorInfo* error = file.Open()) return error;
 
-  FileLines source(file);
-  DocumentLines lines(source);
   const String oldName = topTag->GetName();
   const String oldValue = topTag->GetValue();
   tagArena = XMLArena::Create();
   textArena = XMLArena::Create();
   TreeStorage storage(*topTag, *tagArena, *textArena);
+  bool clear = false;
   std::unique_ptr<ErrorInfo> result;
-  try {
-    result.reset(ParseLines(*topTag, lines, storage));
-  } catch (...) {
-    if (source.Threw()) throw; // the file layer's own exceptions are not the parser's to turn
-    result.reset(Fail(message::unknownException));
+  {
+    Utf8FileLines bytes(file);
+    bool utf8 = false;
+    try {
+      utf8 = bytes.Start();
+    } catch (...) {
+      if (bytes.Threw()) throw;
+      return Fail(message::unknownException);
+    }
+    if (utf8) {
+      result.reset(ReadFileLines<char>(*topTag, bytes, storage, clear));
+    } else {
+      // A byte order mark for UTF-16: the file layer decodes the lines.
+      delete file.Close();
+      LineParsableFile units(std::move(path));
+      if (ErrorInfo* error = units.Open()) {
+        result.reset(error);
+        clear = true;
+      } else {
+        Utf16FileLines lines(units);
+        result.reset(ReadFileLines<char16_t>(*topTag, lines, storage, clear));
+      }
+    }
   }
-  // A read error anywhere in the file wins over whatever the lines said, and leaves the document
-  // as cleared before reading; so the file is read to its end even after the top tag is complete.
-  source.Drain();
-  if (ErrorInfo* readError = source.TakeError()) {
+  if (clear) {
     ClearTree();
     XMLTagAccess::Name(*topTag).Assign(oldName.View());
     XMLTagAccess::Value(*topTag).Assign(oldValue.View());
-    return readError;
   }
   return result.release();
 }

@@ -1,11 +1,17 @@
 // The storage of tags and texts: arenas, attribute blocks, tag texts and nested-tag lists.
 #include "xml/XMLStorage.h"
 
+#include <qorxmlu/foundation/Encoding.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 namespace QOR::detail {
 
@@ -15,11 +21,36 @@ namespace {
 // of a large document low.
 constexpr std::size_t firstChunkSize = 16 * 1024;
 constexpr std::size_t largestChunkSize = 4 * 1024 * 1024;
+constexpr std::size_t mappedChunkSize = 1024 * 1024;
 
 void* AllocateOrThrow(std::size_t bytes) {
   void* room = std::malloc(bytes);
   if (!room) throw std::bad_alloc();
   return room;
+}
+
+// A chunk of an arena. A large chunk is filled whole, so on Linux it is mapped with its pages
+// made present in one call rather than one fault each.
+void* AllocateChunk(std::size_t bytes) {
+#if defined(__linux__) && defined(MAP_POPULATE)
+  if (bytes >= mappedChunkSize) {
+    void* room = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (room == MAP_FAILED) throw std::bad_alloc();
+    return room;
+  }
+#endif
+  return AllocateOrThrow(bytes);
+}
+
+void FreeChunk(void* chunk, std::size_t bytes) noexcept {
+#if defined(__linux__) && defined(MAP_POPULATE)
+  if (bytes >= mappedChunkSize) {
+    munmap(chunk, bytes);
+    return;
+  }
+#endif
+  (void)bytes;
+  std::free(chunk);
 }
 
 } // namespace
@@ -36,7 +67,7 @@ XMLArena* XMLArena::Create() { return new XMLArena; }
 XMLArena::~XMLArena() {
   while (chunks) {
     Chunk* previous = chunks->previous;
-    std::free(chunks);
+    FreeChunk(chunks, chunks->size);
     chunks = previous;
   }
 }
@@ -55,7 +86,7 @@ void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
   if (bytes > (size - sizeof(Chunk)) / 2) {
     // A large block gets a chunk of its own; the current chunk stays in use.
     if (bytes > std::numeric_limits<std::size_t>::max() - sizeof(Chunk)) throw std::bad_alloc();
-    auto* own = static_cast<Chunk*>(AllocateOrThrow(sizeof(Chunk) + bytes));
+    auto* own = static_cast<Chunk*>(AllocateChunk(sizeof(Chunk) + bytes));
     own->size = sizeof(Chunk) + bytes;
     own->previous = chunks ? chunks->previous : nullptr;
     if (chunks) chunks->previous = own;
@@ -63,7 +94,7 @@ void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
     return own + 1;
   }
   nextChunkSize = size;
-  auto* chunk = static_cast<Chunk*>(AllocateOrThrow(nextChunkSize));
+  auto* chunk = static_cast<Chunk*>(AllocateChunk(nextChunkSize));
   chunk->previous = chunks;
   chunk->size = nextChunkSize;
   chunks = chunk;
@@ -77,6 +108,27 @@ std::u16string_view XMLArena::Keep(std::u16string_view text) {
   auto* units = static_cast<char16_t*>(Allocate(text.size() * sizeof(char16_t), alignof(char16_t)));
   std::memcpy(units, text.data(), text.size() * sizeof(char16_t));
   return {units, text.size()};
+}
+
+std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length) {
+  if (length == 0) return {};
+  // No byte decodes to more than one unit: room for as many units as bytes, and what decoding
+  // leaves over goes back when it is at the end of the chunk.
+  if (length > std::numeric_limits<std::size_t>::max() / sizeof(char16_t)) throw std::bad_alloc();
+  auto* units = static_cast<char16_t*>(Allocate(length * sizeof(char16_t), alignof(char16_t)));
+  std::size_t count = 0;
+  if (length < 16) {
+    // Short texts, the most of a document: ASCII without a call.
+    while (count < length && static_cast<unsigned char>(bytes[count]) < 0x80) {
+      units[count] = static_cast<char16_t>(bytes[count]);
+      ++count;
+    }
+    if (count < length) count += DecodeUtf8Units(bytes + count, length - count, units + count);
+  } else {
+    count = DecodeUtf8Units(bytes, length, units);
+  }
+  if (reinterpret_cast<char*>(units + length) == next) next = reinterpret_cast<char*>(units + count);
+  return {units, count};
 }
 
 // ---- XMLAttrBlock -------------------------------------------------------------------------

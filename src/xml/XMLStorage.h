@@ -110,6 +110,8 @@ public:
   }
   // A copy of text that lives as long as the arena.
   std::u16string_view Keep(std::u16string_view text);
+  // The UTF-8 bytes decoded (see DecodeUtf8Units) into units that live as long as the arena.
+  std::u16string_view KeepUtf8(const char* bytes, std::size_t length);
 
 private:
   struct Chunk;

@@ -33,6 +33,11 @@ void Check(const Case& c) {
   XML doc;
   EXPECT_EQ(Outcome(doc.ReadText(text)), c.error);
   EXPECT_EQ(Picture(doc), c.tree);
+  // A file is read from its bytes, apart from the text's units.
+  static const test::TempDir dir;
+  XML fromFile;
+  EXPECT_EQ(Outcome(fromFile.ReadFile(dir.Write("case.xml", text.ToUtf8()))), c.error);
+  EXPECT_EQ(Picture(fromFile), c.tree);
 }
 
 TEST(XMLReaderTest, StartLinesAndAttributes) {
