@@ -17,9 +17,11 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -66,7 +68,8 @@ using TextOf = std::basic_string_view<Char>;
 // The characters that String::TrimAll and TrimLeft remove.
 template <class Char>
 bool IsBlank(Char c) {
-  return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+  constexpr std::uint64_t blanks = 1ull << ' ' | 1ull << '\t' | 1ull << '\r' | 1ull << '\n' | 1ull << '\v' | 1ull << '\f';
+  return static_cast<std::make_unsigned_t<Char>>(c) <= ' ' && (blanks >> static_cast<unsigned>(c) & 1) != 0;
 }
 
 template <class Char>
@@ -158,6 +161,12 @@ bool EndTagNameAt(TextOf<char16_t> rest, View name) {
 }
 
 bool EndTagNameAt(TextOf<char> rest, View name) {
+  // Mostly the end tag of an ASCII name, or another name that differs early.
+  std::size_t same = 0;
+  while (same < name.size() && same < rest.size() && rest[same] == name[same] && name[same] < 0x80) ++same;
+  if (same == name.size() && same < rest.size() && rest[same] == '>') return true;
+  if (same < rest.size() && static_cast<unsigned char>(rest[same]) < 0x80 && same < name.size() && name[same] < 0x80)
+    return false; // an ASCII character differs, before any other: so do the units
   const std::size_t close = rest.find('>');
   if (close == none || close < name.size()) return false; // no byte decodes to more than one unit
   const TextOf<char> bytes = rest.substr(0, close);
@@ -310,51 +319,78 @@ public:
 
 private:
   static constexpr std::size_t blockSize = 256 * 1024;
-  static constexpr std::size_t padding = 16; // zero bytes behind the data, for whole blocks of sixteen
+  static constexpr std::size_t padding = 128; // zero bytes behind the data, for whole windows of 64
+
+  // Where the bytes that matter stand in 64 bytes, one bit each.
+  struct Classes {
+    std::uint64_t lineEnd = 0, open = 0, close = 0, bang = 0, slash = 0, dash = 0;
+
+    explicit Classes(const char* bytes) {
+#if defined(QORXMLU_HAVE_SSE2)
+      const __m128i newline = _mm_set1_epi8('\n'), lt = _mm_set1_epi8('<'), gt = _mm_set1_epi8('>'),
+                    exclamation = _mm_set1_epi8('!'), solidus = _mm_set1_epi8('/'), minus = _mm_set1_epi8('-');
+      for (int block = 0; block < 4; ++block) {
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + 16 * block));
+        auto bits = [&](__m128i pattern) {
+          return std::uint64_t(static_cast<std::uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, pattern))))
+                 << (16 * block);
+        };
+        lineEnd |= bits(newline);
+        open |= bits(lt);
+        close |= bits(gt);
+        bang |= bits(exclamation);
+        slash |= bits(solidus);
+        dash |= bits(minus);
+      }
+#else
+      for (int i = 0; i < 64; ++i) {
+        const std::uint64_t bit = std::uint64_t(1) << i;
+        switch (bytes[i]) {
+        case '\n': lineEnd |= bit; break;
+        case '<': open |= bit; break;
+        case '>': close |= bit; break;
+        case '!': bang |= bit; break;
+        case '/': slash |= bit; break;
+        case '-': dash |= bit; break;
+        default: break;
+        }
+      }
+#endif
+    }
+  };
 
   // The line at begin if its line end is in the buffer; its marks go to line.marks either way.
+  // The line is taken 64 bytes at a time, and its marks follow from the bits of those bytes with
+  // no branch per marker. Bytes beyond the data are zeros (the padding), which match nothing.
   bool Scan(Line<char>& line) {
-    const char* text = buffer.get() + begin;
+    const char* const text = buffer.get() + begin;
     const char* const stop = buffer.get() + end;
     LineMarks marks;
     const char* lineEnd = nullptr;
-    const char* chunk = text;
-    bool markers = true; // false once the line is a comment
-#if defined(QORXMLU_HAVE_SSE2)
-    const __m128i newline = _mm_set1_epi8('\n'), open = _mm_set1_epi8('<'), close = _mm_set1_epi8('>'),
-                  bang = _mm_set1_epi8('!');
-    for (; chunk < stop && !lineEnd; chunk += 16) {
-      const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(chunk));
-      const __m128i ends = _mm_cmpeq_epi8(bytes, newline);
-      __m128i hits = ends;
-      if (markers)
-        hits = _mm_or_si128(_mm_or_si128(hits, _mm_cmpeq_epi8(bytes, open)),
-                            _mm_or_si128(_mm_cmpeq_epi8(bytes, close), _mm_cmpeq_epi8(bytes, bang)));
-      unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hits));
-      if (stop - chunk < 16) mask &= (1u << (stop - chunk)) - 1;
-      for (; mask; mask &= mask - 1) {
-        const char* hit = chunk + std::countr_zero(mask);
-        if (*hit == '\n') {
-          lineEnd = hit;
-          break;
-        }
-        // The line's length is not known yet: the bytes up to a possible line end stand for
-        // it, and a marker's neighbours beyond the line are never what the marks look for.
-        if (markers && !marks.Take(text, static_cast<std::size_t>(stop - text + 1), static_cast<std::size_t>(hit - text)))
-          markers = false;
-      }
-    }
-#else
-    for (; chunk < stop; ++chunk) {
-      if (*chunk == '\n') {
-        lineEnd = chunk;
+    std::uint64_t slashBefore = 0; // the byte before the window is "/" (of the same line)
+    for (const char* window = text; window < stop; window += 64) {
+      const Classes c(window);
+      const auto at = [&](std::uint64_t bits) {
+        return static_cast<std::size_t>(window - text) + static_cast<std::size_t>(std::countr_zero(bits));
+      };
+      const std::uint64_t inLine = c.lineEnd ? (c.lineEnd & (0 - c.lineEnd)) - 1 : ~std::uint64_t(0);
+      const std::uint64_t open = c.open & inLine, close = c.close & inLine;
+      // A marker's neighbours across the window's end are in the bytes after it.
+      const std::uint64_t slashAfter = c.slash >> 1 | std::uint64_t(window[64] == '/') << 63;
+      const std::uint64_t dashAfter = c.dash >> 1 | std::uint64_t(window[64] == '-') << 63;
+      const std::uint64_t dashTwoAfter = c.dash >> 2 | std::uint64_t(window[64] == '-') << 62 |
+                                         std::uint64_t(window[65] == '-') << 63;
+      if (open && marks.firstOpen == none) marks.firstOpen = at(open);
+      if (marks.firstEndOpen == none && (open & slashAfter)) marks.firstEndOpen = at(open & slashAfter);
+      if (close && marks.firstClose == none) marks.firstClose = at(close);
+      if (close & (c.slash << 1 | slashBefore)) marks.emptyTagEnd = true;
+      if (c.bang & inLine & dashAfter & dashTwoAfter) marks.comment = true;
+      slashBefore = c.slash >> 63;
+      if (c.lineEnd) {
+        lineEnd = window + std::countr_zero(c.lineEnd);
         break;
       }
-      if (markers && (*chunk == '<' || *chunk == '>' || *chunk == '!') &&
-          !marks.Take(text, static_cast<std::size_t>(stop - text + 1), static_cast<std::size_t>(chunk - text)))
-        markers = false;
     }
-#endif
     line.marks = marks;
     if (!lineEnd) return false;
     std::size_t length = static_cast<std::size_t>(lineEnd - text);
@@ -462,7 +498,13 @@ public:
   }
   void SetText(const XMLTag& tag, TagText& field, TextOf<char> text) {
     if (&tag == &top) Own(field, text);
-    else field.Borrow(texts.KeepUtf8(text.data(), text.size()));
+    else field.Borrow(texts.KeepUtf8(text.data(), text.size(), true));
+  }
+  // A tag's name: names repeat, so tags of the same name share one copy of it.
+  template <class Char>
+  void SetName(const XMLTag& tag, TagText& field, TextOf<Char> text) {
+    if (&tag == &top) Own(field, text);
+    else field.Borrow(KeepName(text));
   }
 
   // Gives the tag the attributes gathered in pairs (name, value, name, value, ...).
@@ -479,7 +521,7 @@ public:
         Own(entry.name, pairs[2 * i]);
         Own(entry.value, pairs[2 * i + 1]);
       } else {
-        Keep(entry.name, pairs[2 * i]);
+        entry.name.Borrow(KeepName(pairs[2 * i]));
         Keep(entry.value, pairs[2 * i + 1]);
       }
     }
@@ -503,7 +545,47 @@ private:
     field.Assign(units);
   }
   void Keep(TagText& field, TextOf<char16_t> text) { field.Borrow(texts.Keep(text)); }
-  void Keep(TagText& field, TextOf<char> text) { field.Borrow(texts.KeepUtf8(text.data(), text.size())); }
+  // The bytes of a file's texts lie in its line buffer, which may be read past a text.
+  void Keep(TagText& field, TextOf<char> text) { field.Borrow(texts.KeepUtf8(text.data(), text.size(), true)); }
+
+  // The kept copy of a tag or attribute name: the one kept before for the same ASCII text when
+  // the small table of recent names holds it, else a new one. Over bytes, the first eight of a
+  // name are compared at once (the line buffer may be read past a text).
+  template <class Char>
+  View KeepName(TextOf<Char> text) {
+    const std::size_t length = text.size();
+    if (length == 0 || length > 64) return Kept(text);
+    using Unit = std::make_unsigned_t<Char>;
+    const auto first = static_cast<Unit>(text[0]), last = static_cast<Unit>(text[length - 1]),
+               middle = static_cast<Unit>(text[length / 2]);
+    NameSlot& slot = names[(length * 31 + first * 7 + middle * 13 + last) % nameSlots];
+    const std::uint64_t head = Head(text);
+    if (slot.kept.size() == length && slot.head == head) {
+      std::size_t i = sizeof(char) == sizeof(Char) ? std::min<std::size_t>(length, 8) : 0;
+      while (i < length && static_cast<Unit>(text[i]) == slot.kept[i]) ++i;
+      if (i == length) return slot.kept;
+    }
+    const View kept = Kept(text);
+    std::size_t i = 0;
+    while (i < kept.size() && kept[i] < 0x80) ++i;
+    if (i == kept.size() && kept.size() == length) slot = {kept, head}; // ASCII only: units and bytes compare alike
+    return kept;
+  }
+  static std::uint64_t Head(TextOf<char16_t>) { return 0; }
+  static std::uint64_t Head(TextOf<char> text) {
+    std::uint64_t head;
+    std::memcpy(&head, text.data(), sizeof head);
+    return text.size() >= 8 ? head : head & ((std::uint64_t(1) << (8 * text.size())) - 1);
+  }
+  View Kept(TextOf<char16_t> text) { return texts.Keep(text); }
+  View Kept(TextOf<char> text) { return texts.KeepUtf8(text.data(), text.size(), true); }
+
+  struct NameSlot {
+    View kept;
+    std::uint64_t head = 0; // of the bytes the name was kept from
+  };
+  static constexpr std::size_t nameSlots = 256;
+  NameSlot names[nameSlots];
 
   XMLTag& top;
   XMLArena& tags;
@@ -513,21 +595,118 @@ private:
 // The attributes of a start tag, from the text between "<" and ">" behind the name and one
 // separator, gathered in pairs. A "/" ends the scan even inside quotes; a value opened and not
 // closed, or an "=" with no quote behind it, is an error. Text with no "=" is passed over.
+// Where finds the next character of a kind at or after a position, or the end: a loop over
+// 16-bit units; over bytes, bits found sixteen bytes at a time.
+template <class Char>
+class AttributeText;
+
+// The searches one unit at a time.
+template <>
+class AttributeText<void> {
+public:
+  template <class Char>
+  static std::size_t NameEnd(TextOf<Char> inner, std::size_t i) { // "=" or "/"
+    while (i < inner.size() && inner[i] != '=' && inner[i] != '/') ++i;
+    return i;
+  }
+  template <class Char>
+  static std::size_t ValueStart(TextOf<Char> inner, std::size_t i) { // a quote or "/"
+    while (i < inner.size() && inner[i] != '"' && inner[i] != '\'' && inner[i] != '/') ++i;
+    return i;
+  }
+  template <class Char>
+  static std::size_t ValueEnd(TextOf<Char> inner, std::size_t i, Char quote) { // the quote or "/"
+    while (i < inner.size() && inner[i] != quote && inner[i] != '/') ++i;
+    return i;
+  }
+};
+
+template <class Char>
+class AttributeText {
+public:
+  explicit AttributeText(TextOf<Char> inner) : inner(inner) {}
+  std::size_t NameEnd(std::size_t i) const { return AttributeText<void>::NameEnd(inner, i); }
+  std::size_t ValueStart(std::size_t i) const { return AttributeText<void>::ValueStart(inner, i); }
+  std::size_t ValueEnd(std::size_t i, Char quote) const { return AttributeText<void>::ValueEnd(inner, i, quote); }
+
+private:
+  TextOf<Char> inner;
+};
+
+#if defined(QORXMLU_HAVE_SSE2)
+template <>
+class AttributeText<char> {
+public:
+  // The bytes up to 15 past the text must be readable (the line buffer's padding). A text longer
+  // than the bits hold is searched byte by byte.
+  explicit AttributeText(TextOf<char> inner) : inner(inner), length(inner.size()) {
+    if (length > 64 * maxWords) return;
+    const __m128i equals = _mm_set1_epi8('='), solidus = _mm_set1_epi8('/'), doubleQuote = _mm_set1_epi8('"'),
+                  singleQuote = _mm_set1_epi8('\'');
+    for (std::size_t at = 0; at < length; at += 16) {
+      const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(inner.data() + at));
+      const __m128i slash = _mm_cmpeq_epi8(b, solidus), dq = _mm_cmpeq_epi8(b, doubleQuote),
+                    sq = _mm_cmpeq_epi8(b, singleQuote);
+      const std::size_t word = at / 64;
+      const unsigned shift = at % 64;
+      auto put = [&](int kind, __m128i hits) {
+        const std::uint64_t found = std::uint64_t(static_cast<std::uint16_t>(_mm_movemask_epi8(hits))) << shift;
+        bits[kind][word] = shift ? bits[kind][word] | found : found;
+      };
+      put(0, _mm_or_si128(_mm_cmpeq_epi8(b, equals), slash));
+      put(1, _mm_or_si128(_mm_or_si128(dq, sq), slash));
+      put(2, _mm_or_si128(dq, slash));
+      put(3, _mm_or_si128(sq, slash));
+    }
+  }
+  std::size_t NameEnd(std::size_t i) const {
+    if (length > 64 * maxWords) return AttributeText<void>::NameEnd(inner, i);
+    return Find(0, i);
+  }
+  std::size_t ValueStart(std::size_t i) const {
+    if (length > 64 * maxWords) return AttributeText<void>::ValueStart(inner, i);
+    return Find(1, i);
+  }
+  std::size_t ValueEnd(std::size_t i, char quote) const {
+    if (length > 64 * maxWords) return AttributeText<void>::ValueEnd(inner, i, quote);
+    return Find(quote == '"' ? 2 : 3, i);
+  }
+
+private:
+  static constexpr std::size_t maxWords = 4;
+
+  std::size_t Find(int kind, std::size_t i) const {
+    for (std::size_t word = i / 64; word * 64 < length; ++word) {
+      std::uint64_t hits = bits[kind][word];
+      if (word == i / 64) hits &= ~std::uint64_t(0) << (i % 64);
+      if (hits) return std::min(length, word * 64 + static_cast<std::size_t>(std::countr_zero(hits)));
+    }
+    return length;
+  }
+
+  TextOf<char> inner;
+  std::size_t length;
+  // Per 64 bytes: "=" or "/"; a quote or "/"; '"' or "/"; "'" or "/".
+  std::uint64_t bits[4][maxWords];
+};
+#endif
+
 template <class Char>
 ErrorInfo* ScanAttributes(TextOf<Char> inner, std::size_t start, std::vector<TextOf<Char>>& pairs) {
   const std::size_t length = inner.size();
+  if (start >= length) return nullptr;
+  const AttributeText<Char> text(inner);
   std::size_t i = start;
   for (;;) {
     const std::size_t nameStart = i;
-    while (i < length && inner[i] != '=' && inner[i] != '/') ++i;
+    i = text.NameEnd(i);
     if (i >= length || inner[i] == '/') return nullptr;
     const TextOf<Char> attrName = TrimLeft(inner.substr(nameStart, i - nameStart));
-    ++i;
-    while (i < length && inner[i] != '"' && inner[i] != '\'' && inner[i] != '/') ++i;
+    i = text.ValueStart(i + 1);
     if (i >= length || inner[i] == '/') return Fail(message::badlyFormedAttrValue);
     const Char quote = inner[i];
     const std::size_t valueStart = ++i;
-    while (i < length && inner[i] != quote && inner[i] != '/') ++i;
+    i = text.ValueEnd(i, quote);
     if (i >= length || inner[i] == '/') return Fail(message::badlyFormedAttrValue);
     pairs.push_back(attrName);
     pairs.push_back(inner.substr(valueStart, i - valueStart));
@@ -555,7 +734,7 @@ ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line<Char>& ra
   std::size_t nameLength = 0;
   while (nameLength < inner.size() && inner[nameLength] != ' ' && inner[nameLength] != '\t') ++nameLength;
   if (nameLength == 0) return Fail(message::badlyFormedName);
-  storage.SetText(tag, XMLTagAccess::Name(tag), inner.substr(0, nameLength));
+  storage.SetName(tag, XMLTagAccess::Name(tag), inner.substr(0, nameLength));
   pairs.clear();
   ErrorInfo* scanError = ScanAttributes(inner, nameLength + 1, pairs);
   // The attributes read before a failure stay with the tag.

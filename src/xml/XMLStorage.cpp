@@ -3,6 +3,10 @@
 
 #include <qorxmlu/foundation/Encoding.h>
 
+#include "foundation/Simd.h"
+
+#include <bit>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -110,22 +114,59 @@ std::u16string_view XMLArena::Keep(std::u16string_view text) {
   return {units, text.size()};
 }
 
-std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length) {
+std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bool readAhead) {
   if (length == 0) return {};
   // No byte decodes to more than one unit: room for as many units as bytes, and what decoding
   // leaves over goes back when it is at the end of the chunk.
   if (length > std::numeric_limits<std::size_t>::max() / sizeof(char16_t)) throw std::bad_alloc();
   auto* units = static_cast<char16_t*>(Allocate(length * sizeof(char16_t), alignof(char16_t)));
+  // ASCII in blocks of sixteen and two-byte sequences inline; the rest from the first longer or
+  // bad sequence on as the decoder does it.
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
   std::size_t count = 0;
-  if (length < 16) {
-    // Short texts, the most of a document: ASCII without a call.
-    while (count < length && static_cast<unsigned char>(bytes[count]) < 0x80) {
-      units[count] = static_cast<char16_t>(bytes[count]);
-      ++count;
+  std::size_t at = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+  // A short text whole in one block when the block may be read and written: sixteen units fit
+  // behind the text's room in the chunk.
+  if (length < 16 && readAhead && static_cast<std::size_t>(end - reinterpret_cast<char*>(units)) >= 16 * sizeof(char16_t)) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(units), _mm_unpacklo_epi8(block, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(units + 8), _mm_unpackhi_epi8(block, zero));
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block)) | 1u << length;
+    at = count = static_cast<std::size_t>(std::countr_zero(high));
+  }
+#endif
+  while (at < length) {
+#if defined(QORXMLU_HAVE_SSE2)
+    if (length - at >= 16) {
+      // Units never run ahead of bytes, so sixteen units stay inside the room.
+      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
+      const __m128i zero = _mm_setzero_si128();
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + count), _mm_unpacklo_epi8(block, zero));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + count + 8), _mm_unpackhi_epi8(block, zero));
+      const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+      if (high == 0) {
+        at += 16;
+        count += 16;
+        continue;
+      }
+      const auto ascii = static_cast<std::size_t>(std::countr_zero(high));
+      at += ascii;
+      count += ascii;
     }
-    if (count < length) count += DecodeUtf8Units(bytes + count, length - count, units + count);
-  } else {
-    count = DecodeUtf8Units(bytes, length, units);
+#endif
+    const unsigned lead = in[at];
+    if (lead < 0x80) {
+      units[count++] = static_cast<char16_t>(lead);
+      ++at;
+    } else if (lead >= 0xC2 && lead < 0xE0 && at + 1 < length && (in[at + 1] & 0xC0) == 0x80) {
+      units[count++] = static_cast<char16_t>((lead & 0x1F) << 6 | (in[at + 1] & 0x3F));
+      at += 2;
+    } else {
+      count += DecodeUtf8Units(bytes + at, length - at, units + count);
+      break;
+    }
   }
   if (reinterpret_cast<char*>(units + length) == next) next = reinterpret_cast<char*>(units + count);
   return {units, count};
@@ -195,12 +236,6 @@ void TagText::Assign(std::u16string_view text) {
   Release();
   units = copy;
   length = copy ? text.size() | ownedBit : 0;
-}
-
-void TagText::Borrow(std::u16string_view text) noexcept {
-  Release();
-  units = text.data();
-  length = text.size();
 }
 
 void TagText::Release() noexcept {

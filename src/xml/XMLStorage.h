@@ -46,7 +46,11 @@ public:
   // Holds a heap copy of text.
   void Assign(std::u16string_view text);
   // Points at units that outlive this text; nothing is copied.
-  void Borrow(std::u16string_view text) noexcept;
+  void Borrow(std::u16string_view text) noexcept {
+    if (Owned()) Release();
+    units = text.data();
+    length = text.size();
+  }
 
 private:
   void Release() noexcept;
@@ -111,7 +115,8 @@ public:
   // A copy of text that lives as long as the arena.
   std::u16string_view Keep(std::u16string_view text);
   // The UTF-8 bytes decoded (see DecodeUtf8Units) into units that live as long as the arena.
-  std::u16string_view KeepUtf8(const char* bytes, std::size_t length);
+  // readAhead: 16 bytes past the text may be read (and are not decoded).
+  std::u16string_view KeepUtf8(const char* bytes, std::size_t length, bool readAhead = false);
 
 private:
   struct Chunk;

@@ -8,6 +8,11 @@
 
 #include "xml/XMLTagAccess.h"
 
+#include <qorxmlu/foundation/Encoding.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -45,6 +50,46 @@ public:
 
 private:
   std::u16string& text;
+};
+
+// Encodes to UTF-8 into a buffer of bytes, as FlushFile would encode the same text: every piece
+// stands between ASCII characters, so no surrogate pair is ever split between two pieces.
+class Utf8Output {
+public:
+  explicit Utf8Output(std::size_t room) { Grow(room); }
+  void Put(View part) {
+    Reserve(part.size() * 3);
+    std::size_t i = 0;
+    // Names and values are short and mostly ASCII: no call for those.
+    while (i < part.size() && part[i] < 0x80) bytes[used++] = static_cast<char>(part[i++]);
+    if (i < part.size()) used += EncodeUtf8Units(part.data() + i, part.size() - i, bytes.get() + used);
+  }
+  void Put(char16_t unit) { Put(View(&unit, 1)); }
+  void Indent(std::size_t level) {
+    Reserve(level);
+    std::memset(bytes.get() + used, '\t', level);
+    used += level;
+  }
+  void EndLine() { Put(LineEnd().View()); }
+
+  const char* Bytes() const { return bytes.get(); }
+  std::size_t Size() const { return used; }
+  void Clear() { used = 0; }
+
+private:
+  void Reserve(std::size_t more) {
+    if (capacity - used < more) Grow(std::max(2 * capacity, used + more));
+  }
+  void Grow(std::size_t size) {
+    std::unique_ptr<char[]> bigger(new char[size]);
+    if (used) std::memcpy(bigger.get(), bytes.get(), used);
+    bytes = std::move(bigger);
+    capacity = size;
+  }
+
+  std::unique_ptr<char[]> bytes;
+  std::size_t used = 0;
+  std::size_t capacity = 0;
 };
 
 // Counts what a TextOutput would append.
@@ -211,15 +256,18 @@ ErrorInfo* XML::Write(String path) const {
   if (!topTag) {
     Write(file);
   } else {
-    // Flushed whenever a block has gathered; the first failure ends the writing.
+    // Encoded straight from the tree and written whenever a block has gathered, as FlushFile
+    // writes UTF-8 (no mark); the first failure ends the writing.
     constexpr std::size_t block = 1 << 20;
-    file.text.Reserve(block + 4096);
-    TextOutput out(file.text);
-    PutTree(out, *topTag, [&] {
-      if (file.text.Len() < block) return true;
-      flushError = file.FlushFile(false, BaseFile::UTF8);
+    Utf8Output out(block + 4096);
+    auto write = [&] {
+      flushError = file.Write(out.Bytes(), out.Size());
+      if (!flushError) flushError = file.Flush(false);
+      out.Clear();
       return flushError == nullptr;
-    });
+    };
+    PutTree(out, *topTag, [&] { return out.Size() < block || write(); });
+    if (!flushError && out.Size() > 0) write();
   }
   if (!flushError) flushError = file.FlushFile(false, BaseFile::UTF8);
   return SafeConcat(flushError, file.Close());
