@@ -2,8 +2,9 @@
 // every name, value and comment goes out as it stands.
 //
 // The walk is written once for any output: a counter that sizes the text first, so that the
-// String is allocated once, and the String itself. A file is written in blocks as the text grows,
-// so neither the whole text nor its encoded bytes are ever held at once.
+// String is allocated once, and the String's units themselves. A file gets UTF-8 encoded straight
+// from the tree into one buffer, written whenever a block has gathered, so neither the whole text
+// nor its encoded bytes are ever held at once.
 #include <qorxmlu/xml/XML.h>
 
 #include "xml/XMLTagAccess.h"
@@ -38,18 +39,27 @@ const String& LineEnd() {
   return lineEnd;
 }
 
-// Appends to a String.
-class TextOutput {
+// Writes into units sized for the text beforehand (by LengthCount over the same walk).
+class UnitOutput {
 public:
-  explicit TextOutput(String& text) : text(text.Std()) {}
-  void Put(View part) { text.append(part); }
-  void Put(char16_t unit) { text.push_back(unit); }
-  void Indent(std::size_t level) { text.append(level, u'\t'); }
-  void EndLine() { text.append(LineEnd().View()); }
-  std::u16string& Text() { return text; }
+  explicit UnitOutput(char16_t* units) : at(units) {}
+  void Put(View part) {
+    if (part.size() <= 16) {
+      for (char16_t unit : part) *at++ = unit;
+    } else {
+      std::memcpy(at, part.data(), part.size() * sizeof(char16_t));
+      at += part.size();
+    }
+  }
+  void Put(char16_t unit) { *at++ = unit; }
+  void Indent(std::size_t level) {
+    for (std::size_t i = 0; i < level; ++i) *at++ = u'\t';
+  }
+  void EndLine() { Put(LineEnd().View()); }
+  const char16_t* End() const { return at; }
 
 private:
-  std::u16string& text;
+  char16_t* at;
 };
 
 // Encodes to UTF-8 into a buffer of bytes, as FlushFile would encode the same text: every piece
@@ -92,7 +102,7 @@ private:
   std::size_t capacity = 0;
 };
 
-// Counts what a TextOutput would append.
+// Counts what a UnitOutput would write.
 class LengthCount {
 public:
   void Put(View part) { length += part.size(); }
@@ -221,8 +231,10 @@ std::size_t TextLength(const XMLTag& top) {
 
 // Appends the tree's text to a String sized for it beforehand.
 void AppendTree(String& text, const XMLTag& top) {
-  text.Reserve(text.Len() + TextLength(top));
-  TextOutput out(text);
+  std::u16string& units = text.Std();
+  const std::size_t before = units.size();
+  units.resize(before + TextLength(top));
+  UnitOutput out(units.data() + before);
   PutTree(out, top, [] { return true; });
 }
 
