@@ -109,6 +109,7 @@ void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
 
 std::u16string_view XMLArena::Keep(std::u16string_view text) {
   if (text.empty()) return {};
+  if (text.size() > TagText::maxLength) throw std::bad_alloc();
   auto* units = static_cast<char16_t*>(Allocate(text.size() * sizeof(char16_t), alignof(char16_t)));
   std::memcpy(units, text.data(), text.size() * sizeof(char16_t));
   return {units, text.size()};
@@ -118,7 +119,7 @@ std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bo
   if (length == 0) return {};
   // No byte decodes to more than one unit: room for as many units as bytes, and what decoding
   // leaves over goes back when it is at the end of the chunk.
-  if (length > std::numeric_limits<std::size_t>::max() / sizeof(char16_t)) throw std::bad_alloc();
+  if (length > TagText::maxLength) throw std::bad_alloc(); // the units could be as many
   auto* units = static_cast<char16_t*>(Allocate(length * sizeof(char16_t), alignof(char16_t)));
   // ASCII in blocks of sixteen and two-byte sequences inline; the rest from the first longer or
   // bad sequence on as the decoder does it.
@@ -229,13 +230,13 @@ void XMLAttrBlock::Release(XMLAttrBlock* block) noexcept {
 void TagText::Assign(std::u16string_view text) {
   char16_t* copy = nullptr;
   if (!text.empty()) {
-    if (text.size() >= ownedBit / sizeof(char16_t)) throw std::bad_alloc();
+    if (text.size() > maxLength) throw std::bad_alloc();
     copy = static_cast<char16_t*>(AllocateOrThrow(text.size() * sizeof(char16_t)));
     std::memcpy(copy, text.data(), text.size() * sizeof(char16_t));
   }
   Release();
   units = copy;
-  length = copy ? text.size() | ownedBit : 0;
+  length = copy ? static_cast<std::uint32_t>(text.size()) | ownedBit : 0;
 }
 
 void TagText::Release() noexcept {

@@ -18,7 +18,10 @@
 namespace QOR::detail {
 
 // One text of a tag (a name, a value, an attribute's name or value): units of its own on the
-// heap, or units borrowed from the storage of the document that holds the tag.
+// heap, or units borrowed from the storage of the document that holds the tag. Twelve bytes, so
+// that a tag and an attribute take less room: a text holds fewer than 2^31 units (a longer one
+// is refused with std::bad_alloc, as if the memory had run out).
+#pragma pack(push, 4)
 class TagText {
 public:
   TagText() noexcept = default;
@@ -46,19 +49,26 @@ public:
   // Holds a heap copy of text.
   void Assign(std::u16string_view text);
   // Points at units that outlive this text; nothing is copied.
-  void Borrow(std::u16string_view text) noexcept {
+  void Borrow(std::u16string_view text) noexcept { // text is at most maxLength long
     if (Owned()) Release();
     units = text.data();
-    length = text.size();
+    length = static_cast<std::uint32_t>(text.size());
   }
 
 private:
   void Release() noexcept;
 
-  static constexpr std::size_t ownedBit = std::size_t(1) << (sizeof(std::size_t) * 8 - 1);
+public:
+  // The longest text held.
+  static constexpr std::size_t maxLength = 0x7FFFFFFF;
+
+private:
+  static constexpr std::uint32_t ownedBit = 0x80000000u;
   const char16_t* units = nullptr;
-  std::size_t length = 0; // the top bit marks units of its own
+  std::uint32_t length = 0; // the top bit marks units of its own
 };
+#pragma pack(pop)
+static_assert(sizeof(TagText) == 12, "a pointer and a 32-bit length");
 
 // The nested tags of one tag, in document order. Never shared. The block is the list's own on the
 // heap, or lent by the document's storage (a read or copied tree), used in place while it has

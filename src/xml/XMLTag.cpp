@@ -42,7 +42,7 @@ XMLTag::~XMLTag() = default;
 void XMLTag::operator delete(XMLTag* tag, std::destroying_delete_t) {
   if (!tag) return;
   XMLNode* node = &Node(*tag);
-  const bool onHeap = !node->inStorage;
+  const bool onHeap = !node->InStorage();
   node->~XMLNode();
   if (onHeap) ::operator delete(node);
 }
@@ -54,7 +54,7 @@ void XMLNode::DestroyNestedTags() noexcept {
   auto takeNested = [](XMLNode& owner, XMLTag* rest) {
     const detail::TagList& nested = owner.nestedTags;
     for (std::size_t i = nested.Size(); i-- > 0;) {
-      Node(*nested[i]).parent = rest;
+      Node(*nested[i]).SetParent(rest);
       rest = nested[i];
     }
     owner.nestedTags.Clear();
@@ -63,7 +63,7 @@ void XMLNode::DestroyNestedTags() noexcept {
   XMLTag* next = takeNested(*this, nullptr);
   while (next) {
     XMLTag* tag = next;
-    next = takeNested(Node(*tag), Node(*tag).parent);
+    next = takeNested(Node(*tag), Node(*tag).Parent());
     delete tag;
   }
 }
@@ -144,8 +144,8 @@ XMLTag* XMLNode::CopyTag(const XMLTag& sourceTag, XMLTag* owner, detail::XMLAren
         continue;
       }
       if (to == root) break;
-      from = &Node(*from->parent);
-      to = &Node(*to->parent);
+      from = &Node(*from->Parent());
+      to = &Node(*to->Parent());
     }
   } catch (...) {
     delete root;
@@ -358,8 +358,8 @@ void XMLTag::ReplaceNestedTag(std::size_t from, std::size_t to) {
 
 void XMLTag::Remove() {
   XMLNode& self = Node(*this);
-  if (self.parent) {
-    detail::TagList& siblings = Node(*self.parent).nestedTags;
+  if (self.Parent()) {
+    detail::TagList& siblings = Node(*self.Parent()).nestedTags;
     for (std::size_t i = 0; i < siblings.Size(); ++i) {
       if (siblings[i] == this) {
         siblings.Remove(i);
