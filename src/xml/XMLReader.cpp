@@ -79,13 +79,6 @@ TextOf<Char> TrimLeft(TextOf<Char> text) {
   return text.substr(start);
 }
 
-template <class Char>
-TextOf<Char> TrimAll(TextOf<Char> text) {
-  text = TrimLeft(text);
-  std::size_t end = text.size();
-  while (end > 0 && IsBlank(text[end - 1])) --end;
-  return text.substr(0, end);
-}
 
 // The position of the first "<", ">" or "!" in the text, or its length; eight units at a time
 // where the processor allows.
@@ -321,15 +314,17 @@ private:
   static constexpr std::size_t blockSize = 256 * 1024;
   static constexpr std::size_t padding = 128; // zero bytes behind the data, for whole windows of 64
 
-  // Where the bytes that matter stand in 64 bytes, one bit each.
+  // Where the bytes that matter stand in up to 64 bytes, one bit each: taken sixteen bytes at a
+  // time up to the block that holds a line end. The dashes, which matter only behind a "!", are
+  // looked for only where one is.
   struct Classes {
-    std::uint64_t lineEnd = 0, open = 0, close = 0, bang = 0, slash = 0, dash = 0;
+    std::uint64_t lineEnd = 0, open = 0, close = 0, bang = 0, slash = 0;
 
     explicit Classes(const char* bytes) {
 #if defined(QORXMLU_HAVE_SSE2)
       const __m128i newline = _mm_set1_epi8('\n'), lt = _mm_set1_epi8('<'), gt = _mm_set1_epi8('>'),
-                    exclamation = _mm_set1_epi8('!'), solidus = _mm_set1_epi8('/'), minus = _mm_set1_epi8('-');
-      for (int block = 0; block < 4; ++block) {
+                    exclamation = _mm_set1_epi8('!'), solidus = _mm_set1_epi8('/');
+      for (int block = 0; block < 4 && !lineEnd; ++block) {
         const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + 16 * block));
         auto bits = [&](__m128i pattern) {
           return std::uint64_t(static_cast<std::uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, pattern))))
@@ -340,7 +335,6 @@ private:
         close |= bits(gt);
         bang |= bits(exclamation);
         slash |= bits(solidus);
-        dash |= bits(minus);
       }
 #else
       for (int i = 0; i < 64; ++i) {
@@ -351,13 +345,22 @@ private:
         case '>': close |= bit; break;
         case '!': bang |= bit; break;
         case '/': slash |= bit; break;
-        case '-': dash |= bit; break;
         default: break;
         }
+        if (lineEnd) break;
       }
 #endif
     }
   };
+
+  // Whether a "!" of the bits is followed by "--" (bytes may be read up to 66 past the window).
+  static bool CommentAt(const char* window, std::uint64_t bangs) {
+    for (; bangs; bangs &= bangs - 1) {
+      const char* bang = window + std::countr_zero(bangs);
+      if (bang[1] == '-' && bang[2] == '-') return true;
+    }
+    return false;
+  }
 
   // The line at begin if its line end is in the buffer; its marks go to line.marks either way.
   // The line is taken 64 bytes at a time, and its marks follow from the bits of those bytes with
@@ -375,16 +378,14 @@ private:
       };
       const std::uint64_t inLine = c.lineEnd ? (c.lineEnd & (0 - c.lineEnd)) - 1 : ~std::uint64_t(0);
       const std::uint64_t open = c.open & inLine, close = c.close & inLine;
-      // A marker's neighbours across the window's end are in the bytes after it.
+      // A "<" in the last byte has its neighbour in the byte after the window. (A window that
+      // holds the line end holds every neighbour of the line's markers: at worst the line end.)
       const std::uint64_t slashAfter = c.slash >> 1 | std::uint64_t(window[64] == '/') << 63;
-      const std::uint64_t dashAfter = c.dash >> 1 | std::uint64_t(window[64] == '-') << 63;
-      const std::uint64_t dashTwoAfter = c.dash >> 2 | std::uint64_t(window[64] == '-') << 62 |
-                                         std::uint64_t(window[65] == '-') << 63;
       if (open && marks.firstOpen == none) marks.firstOpen = at(open);
       if (marks.firstEndOpen == none && (open & slashAfter)) marks.firstEndOpen = at(open & slashAfter);
       if (close && marks.firstClose == none) marks.firstClose = at(close);
       if (close & (c.slash << 1 | slashBefore)) marks.emptyTagEnd = true;
-      if (c.bang & inLine & dashAfter & dashTwoAfter) marks.comment = true;
+      if ((c.bang & inLine) && CommentAt(window, c.bang & inLine)) marks.comment = true;
       slashBefore = c.slash >> 63;
       if (c.lineEnd) {
         lineEnd = window + std::countr_zero(c.lineEnd);
@@ -719,14 +720,13 @@ ErrorInfo* ScanAttributes(TextOf<Char> inner, std::size_t start, std::vector<Tex
 template <class Char>
 ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line<Char>& rawLine, bool& complete,
                          std::vector<TextOf<Char>>& pairs) {
+  // Blanks around the line never hold a marker, so the line is taken untrimmed: every text cut
+  // out of it lies between markers, and the end tag ends at a ">".
   const LineMarks& marks = rawLine.marks;
-  const TextOf<Char> raw = rawLine.Text();
-  const TextOf<Char> line = TrimAll(raw);
-  const std::size_t shift = static_cast<std::size_t>(line.data() - raw.data());
-  auto trimmed = [shift](std::size_t at) { return at == none ? none : at - shift; };
-  const std::size_t start = trimmed(marks.firstOpen);
-  const std::size_t end = trimmed(marks.firstEndOpen);
-  const std::size_t close = trimmed(marks.firstClose);
+  const TextOf<Char> line = rawLine.Text();
+  const std::size_t start = marks.firstOpen;
+  const std::size_t end = marks.firstEndOpen;
+  const std::size_t close = marks.firstClose;
   if (start == none) return Fail(message::missingTagStart);
   if (end != none && end <= start) return Fail(message::badlyPlacedTagEnd);
   if (close == none || close < start) return Fail(message::badlyFormedData);
