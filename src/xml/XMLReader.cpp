@@ -493,13 +493,10 @@ public:
 
   XMLTag* NewTag(XMLTag* parent) { return XMLTagAccess::MakeIn(tags, parent); }
 
-  void SetText(const XMLTag& tag, TagText& field, TextOf<char16_t> text) {
-    if (&tag == &top) field.Assign(text);
-    else field.Borrow(texts.Keep(text));
-  }
-  void SetText(const XMLTag& tag, TagText& field, TextOf<char> text) {
+  template <class Char>
+  void SetText(const XMLTag& tag, TagText& field, TextOf<Char> text) {
     if (&tag == &top) Own(field, text);
-    else field.Borrow(texts.KeepUtf8(text.data(), text.size(), true));
+    else field.Borrow(Kept(text));
   }
   // A tag's name: names repeat, so tags of the same name share one copy of it.
   template <class Char>
@@ -523,7 +520,7 @@ public:
         Own(entry.value, pairs[2 * i + 1]);
       } else {
         entry.name.Borrow(KeepName(pairs[2 * i]));
-        Keep(entry.value, pairs[2 * i + 1]);
+        entry.value.Borrow(Kept(pairs[2 * i + 1]));
       }
     }
   }
@@ -545,13 +542,18 @@ private:
     units.resize(DecodeUtf8Units(text.data(), text.size(), units.data()));
     field.Assign(units);
   }
-  void Keep(TagText& field, TextOf<char16_t> text) { field.Borrow(texts.Keep(text)); }
-  // The bytes of a file's texts lie in its line buffer, which may be read past a text.
-  void Keep(TagText& field, TextOf<char> text) { field.Borrow(texts.KeepUtf8(text.data(), text.size(), true)); }
-
-  // The kept copy of a tag or attribute name: the one kept before for the same ASCII text when
-  // the small table of recent names holds it, else a new one. Over bytes, the first eight of a
-  // name are compared at once (the line buffer may be read past a text).
+  // Names repeat: a name is kept once while a small table of recent names holds it, and shared
+  // by the tags and attributes that have it (kept texts never change). Short attribute values
+  // repeat too, but as many do not, and looking them up cost more time than it saved room. A
+  // table slot is found from the length and three characters. Over bytes, the first eight are
+  // compared at once (the line buffer may be read past a text), and a text of up to eight bytes
+  // matches on them alone; a longer one is kept in the table only when it is ASCII, so that its
+  // bytes and units compare alike.
+  struct SharedSlot {
+    View kept;
+    std::uint64_t head = 0;   // the first eight bytes the text was kept from (bytes only)
+    std::size_t length = 0;   // in bytes or units, as read
+  };
   template <class Char>
   View KeepName(TextOf<Char> text) {
     const std::size_t length = text.size();
@@ -559,17 +561,20 @@ private:
     using Unit = std::make_unsigned_t<Char>;
     const auto first = static_cast<Unit>(text[0]), last = static_cast<Unit>(text[length - 1]),
                middle = static_cast<Unit>(text[length / 2]);
-    NameSlot& slot = names[(length * 31 + first * 7 + middle * 13 + last) % nameSlots];
+    SharedSlot& slot = names[(length * 31 + first * 7 + middle * 13 + last) % nameSlots];
     const std::uint64_t head = Head(text);
-    if (slot.kept.size() == length && slot.head == head) {
-      std::size_t i = sizeof(char) == sizeof(Char) ? std::min<std::size_t>(length, 8) : 0;
+    if (slot.length == length && slot.head == head && slot.kept.data()) {
+      std::size_t i = sizeof(Char) == 1 ? std::min<std::size_t>(length, 8) : 0;
       while (i < length && static_cast<Unit>(text[i]) == slot.kept[i]) ++i;
       if (i == length) return slot.kept;
     }
     const View kept = Kept(text);
-    std::size_t i = 0;
-    while (i < kept.size() && kept[i] < 0x80) ++i;
-    if (i == kept.size() && kept.size() == length) slot = {kept, head}; // ASCII only: units and bytes compare alike
+    if (sizeof(Char) == 1 && length > 8) {
+      std::size_t i = 0;
+      while (i < kept.size() && kept[i] < 0x80) ++i;
+      if (i != length) return kept;
+    }
+    slot = {kept, head, length};
     return kept;
   }
   static std::uint64_t Head(TextOf<char16_t>) { return 0; }
@@ -579,14 +584,11 @@ private:
     return text.size() >= 8 ? head : head & ((std::uint64_t(1) << (8 * text.size())) - 1);
   }
   View Kept(TextOf<char16_t> text) { return texts.Keep(text); }
+  // The bytes of a file's texts lie in its line buffer, which may be read past a text.
   View Kept(TextOf<char> text) { return texts.KeepUtf8(text.data(), text.size(), true); }
 
-  struct NameSlot {
-    View kept;
-    std::uint64_t head = 0; // of the bytes the name was kept from
-  };
   static constexpr std::size_t nameSlots = 256;
-  NameSlot names[nameSlots];
+  SharedSlot names[nameSlots];
 
   XMLTag& top;
   XMLArena& tags;
