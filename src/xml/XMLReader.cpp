@@ -595,11 +595,9 @@ private:
   XMLArena& texts;
 };
 
-// The attributes of a start tag, from the text between "<" and ">" behind the name and one
-// separator, gathered in pairs. A "/" ends the scan even inside quotes; a value opened and not
-// closed, or an "=" with no quote behind it, is an error. Text with no "=" is passed over.
-// Where finds the next character of a kind at or after a position, or the end: a loop over
-// 16-bit units; over bytes, bits found sixteen bytes at a time.
+// The text between "<" and ">" of a start line, searched for the next character of a kind at or
+// after a position (the end if there is none): unit by unit over 16-bit units; over bytes, on bits
+// found sixteen bytes at a time.
 template <class Char>
 class AttributeText;
 
@@ -622,6 +620,12 @@ public:
     while (i < inner.size() && inner[i] != quote && inner[i] != '/') ++i;
     return i;
   }
+  template <class Char>
+  static std::size_t TagNameEnd(TextOf<Char> inner) { // a blank or tab
+    std::size_t i = 0;
+    while (i < inner.size() && inner[i] != ' ' && inner[i] != '\t') ++i;
+    return i;
+  }
 };
 
 template <class Char>
@@ -631,6 +635,7 @@ public:
   std::size_t NameEnd(std::size_t i) const { return AttributeText<void>::NameEnd(inner, i); }
   std::size_t ValueStart(std::size_t i) const { return AttributeText<void>::ValueStart(inner, i); }
   std::size_t ValueEnd(std::size_t i, Char quote) const { return AttributeText<void>::ValueEnd(inner, i, quote); }
+  std::size_t TagNameEnd() const { return AttributeText<void>::TagNameEnd(inner); }
 
 private:
   TextOf<Char> inner;
@@ -645,7 +650,7 @@ public:
   explicit AttributeText(TextOf<char> inner) : inner(inner), length(inner.size()) {
     if (length > 64 * maxWords) return;
     const __m128i equals = _mm_set1_epi8('='), solidus = _mm_set1_epi8('/'), doubleQuote = _mm_set1_epi8('"'),
-                  singleQuote = _mm_set1_epi8('\'');
+                  singleQuote = _mm_set1_epi8('\''), blank = _mm_set1_epi8(' '), tab = _mm_set1_epi8('\t');
     for (std::size_t at = 0; at < length; at += 16) {
       const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(inner.data() + at));
       const __m128i slash = _mm_cmpeq_epi8(b, solidus), dq = _mm_cmpeq_epi8(b, doubleQuote),
@@ -660,6 +665,7 @@ public:
       put(1, _mm_or_si128(_mm_or_si128(dq, sq), slash));
       put(2, _mm_or_si128(dq, slash));
       put(3, _mm_or_si128(sq, slash));
+      put(4, _mm_or_si128(_mm_cmpeq_epi8(b, blank), _mm_cmpeq_epi8(b, tab)));
     }
   }
   std::size_t NameEnd(std::size_t i) const {
@@ -674,11 +680,20 @@ public:
     if (length > 64 * maxWords) return AttributeText<void>::ValueEnd(inner, i, quote);
     return Find(quote == '"' ? 2 : 3, i);
   }
+  std::size_t TagNameEnd() const {
+    if (length > 64 * maxWords) return AttributeText<void>::TagNameEnd(inner);
+    return Find(4, 0);
+  }
 
 private:
   static constexpr std::size_t maxWords = 4;
 
   std::size_t Find(int kind, std::size_t i) const {
+    if (i >= length) return length;
+    if (length <= 64) { // mostly
+      const std::uint64_t hits = bits[kind][0] & ~std::uint64_t(0) << i;
+      return std::min(length, hits ? static_cast<std::size_t>(std::countr_zero(hits)) : length);
+    }
     for (std::size_t word = i / 64; word * 64 < length; ++word) {
       std::uint64_t hits = bits[kind][word];
       if (word == i / 64) hits &= ~std::uint64_t(0) << (i % 64);
@@ -689,16 +704,18 @@ private:
 
   TextOf<char> inner;
   std::size_t length;
-  // Per 64 bytes: "=" or "/"; a quote or "/"; '"' or "/"; "'" or "/".
-  std::uint64_t bits[4][maxWords];
+  // Per 64 bytes: "=" or "/"; a quote or "/"; '"' or "/"; "'" or "/"; a blank or tab.
+  std::uint64_t bits[5][maxWords];
 };
 #endif
 
+// The attributes of a start tag, from the text between "<" and ">" behind the name and one
+// separator, gathered in pairs. A "/" ends the scan even inside quotes; a value opened and not
+// closed, or an "=" with no quote behind it, is an error. Text with no "=" is passed over.
 template <class Char>
-ErrorInfo* ScanAttributes(TextOf<Char> inner, std::size_t start, std::vector<TextOf<Char>>& pairs) {
+ErrorInfo* ScanAttributes(TextOf<Char> inner, const AttributeText<Char>& text, std::size_t start,
+                          std::vector<TextOf<Char>>& pairs) {
   const std::size_t length = inner.size();
-  if (start >= length) return nullptr;
-  const AttributeText<Char> text(inner);
   std::size_t i = start;
   for (;;) {
     const std::size_t nameStart = i;
@@ -733,12 +750,12 @@ ErrorInfo* ReadStartLine(TreeStorage& storage, XMLTag& tag, const Line<Char>& ra
   if (end != none && end <= start) return Fail(message::badlyPlacedTagEnd);
   if (close == none || close < start) return Fail(message::badlyFormedData);
   const TextOf<Char> inner = line.substr(start + 1, close - start - 1);
-  std::size_t nameLength = 0;
-  while (nameLength < inner.size() && inner[nameLength] != ' ' && inner[nameLength] != '\t') ++nameLength;
+  const AttributeText<Char> text(inner);
+  const std::size_t nameLength = text.TagNameEnd();
   if (nameLength == 0) return Fail(message::badlyFormedName);
   storage.SetName(tag, XMLTagAccess::Name(tag), inner.substr(0, nameLength));
   pairs.clear();
-  ErrorInfo* scanError = ScanAttributes(inner, nameLength + 1, pairs);
+  ErrorInfo* scanError = ScanAttributes(inner, text, nameLength + 1, pairs);
   // The attributes read before a failure stay with the tag.
   storage.SetAttributes(tag, pairs);
   if (scanError) return scanError;
