@@ -24,7 +24,7 @@ namespace {
 // Chunks double from a size that suits a small reply up to one that keeps the count of chunks
 // of a large document low.
 constexpr std::size_t firstChunkSize = 16 * 1024;
-constexpr std::size_t largestChunkSize = 4 * 1024 * 1024;
+constexpr std::size_t largestChunkSize = 1024 * 1024;
 constexpr std::size_t mappedChunkSize = 1024 * 1024;
 
 void* AllocateOrThrow(std::size_t bytes) {
