@@ -173,6 +173,19 @@ TEST_F(XMLFileTest, AFileReadsAsItsText) {
     EXPECT_EQ(fileOutcome, textOutcome) << bytes;
     EXPECT_EQ(Picture(fromFile), Picture(fromText)) << bytes;
   }
+  // Behind a UTF-16 mark, little or big endian, the file layer decodes the lines.
+  const std::u16string text = u"<?xml version=\"1.0\"?>\r\n<a k=\"\u0416\">\n\n<!-- c -->\r\n\t<b>x\U0001F600</b>\n</a>";
+  for (const bool bigEndian : {false, true}) {
+    std::string bytes = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
+    for (const char16_t unit : text) {
+      const char low = static_cast<char>(unit & 0xFF), high = static_cast<char>(unit >> 8);
+      bytes += bigEndian ? high : low;
+      bytes += bigEndian ? low : high;
+    }
+    XML fromFile;
+    EXPECT_EQ(Outcome(fromFile.ReadFile(dir.Write("doc16.xml", bytes))), "");
+    EXPECT_EQ(Picture(fromFile), "a(k=\u0416){b[x\U0001F600]}") << bigEndian;
+  }
 }
 
 TEST_F(XMLFileTest, AMissingFileLeavesTheDocumentCleared) {
