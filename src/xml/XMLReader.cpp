@@ -536,10 +536,11 @@ public:
 
   XMLTag* NewTag(XMLTag* parent) { return XMLTagAccess::MakeIn(tags, parent); }
 
+  // A tag's value.
   template <class Char>
   void SetText(const XMLTag& tag, TagText& field, TextOf<Char> text) {
     if (&tag == &top) Own(field, text);
-    else field.Borrow(Kept(text));
+    else KeepValue(field, text);
   }
   // A tag's name: names repeat, so tags of the same name share one copy of it.
   template <class Char>
@@ -563,7 +564,7 @@ public:
         Own(entry.value, pairs[2 * i + 1]);
       } else {
         entry.name.Borrow(KeepName(pairs[2 * i]));
-        entry.value.Borrow(Kept(pairs[2 * i + 1]));
+        KeepValue(entry.value, pairs[2 * i + 1]);
       }
     }
   }
@@ -625,6 +626,12 @@ private:
     std::uint64_t head;
     std::memcpy(&head, text.data(), sizeof head);
     return text.size() >= 8 ? head : head & ((std::uint64_t(1) << (8 * text.size())) - 1);
+  }
+  // A value from a file's bytes stays in them when it is of the form a TagText may hold as bytes.
+  void KeepValue(TagText& field, TextOf<char16_t> text) { field.Borrow(texts.Keep(text)); }
+  void KeepValue(TagText& field, TextOf<char> text) {
+    if (detail::IsTwoByteUtf8(text.data(), text.size(), true)) field.BorrowUtf8(texts.KeepBytes(text.data(), text.size()));
+    else field.Borrow(Kept(text));
   }
   View Kept(TextOf<char16_t> text) { return texts.Keep(text); }
   // The bytes of a file's texts lie in its line buffer, which may be read past a text.

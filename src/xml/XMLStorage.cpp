@@ -173,6 +173,14 @@ std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bo
   return {units, count};
 }
 
+std::string_view XMLArena::KeepBytes(const char* bytes, std::size_t length) {
+  if (length == 0) return {};
+  if (length > TagText::maxLength) throw std::bad_alloc();
+  auto* copy = static_cast<char*>(Allocate(length, 1));
+  std::memcpy(copy, bytes, length);
+  return {copy, length};
+}
+
 // ---- XMLAttrBlock -------------------------------------------------------------------------
 
 namespace {
@@ -201,8 +209,8 @@ XMLAttrBlock* XMLAttrBlock::CopyOwned(const XMLAttrBlock& source, std::size_t ca
   try {
     for (std::uint32_t i = 0; i < source.count; ++i) {
       XMLAttrEntry& entry = copy->Append();
-      entry.name.Assign(source.Entries()[i].name.View());
-      entry.value.Assign(source.Entries()[i].value.View());
+      entry.name.AssignCopy(source.Entries()[i].name);
+      entry.value.AssignCopy(source.Entries()[i].value);
     }
   } catch (...) {
     Release(copy);
@@ -227,6 +235,105 @@ void XMLAttrBlock::Release(XMLAttrBlock* block) noexcept {
 
 // ---- TagText ------------------------------------------------------------------------------
 
+bool IsTwoByteUtf8(const char* bytes, std::size_t length, bool readAhead) noexcept {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
+  std::size_t at = 0;
+  unsigned pendingLead = 0; // the last byte looked at is a lead: a continuation must follow
+#if defined(QORXMLU_HAVE_SSE2)
+  const __m128i topTwo = _mm_set1_epi8(static_cast<char>(0xC0)), continuation = _mm_set1_epi8(static_cast<char>(0x80));
+  while (at < length && (length - at >= 16 || readAhead)) {
+    const unsigned n = length - at >= 16 ? 16 : static_cast<unsigned>(length - at);
+    const unsigned inText = n == 16 ? 0xFFFFu : (1u << n) - 1;
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block)) & inText;
+    if (high == 0) {
+      if (pendingLead) return false;
+      at += n;
+      continue;
+    }
+    // Continuations 80..BF; leads C2..DF, as signed bytes after flipping the top bit 42..5F.
+    const unsigned continuations =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(block, topTwo), continuation))) & inText;
+    const __m128i flipped = _mm_xor_si128(block, continuation);
+    const unsigned leads = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
+                               _mm_cmpgt_epi8(flipped, _mm_set1_epi8(0x41)), _mm_cmplt_epi8(flipped, _mm_set1_epi8(0x60))))) &
+                           inText;
+    if ((high & ~(continuations | leads)) != 0) return false;
+    if (continuations != (((leads << 1) | pendingLead) & inText)) return false;
+    pendingLead = leads >> (n - 1) & 1;
+    at += n;
+  }
+#endif
+  for (; at < length; ++at) {
+    const unsigned byte = in[at];
+    const bool isContinuation = (byte & 0xC0) == 0x80;
+    if (isContinuation != (pendingLead != 0)) return false;
+    if (byte >= 0x80 && !isContinuation && (byte < 0xC2 || byte > 0xDF)) return false;
+    pendingLead = byte >= 0xC2 && byte <= 0xDF;
+  }
+  return pendingLead == 0;
+}
+
+std::size_t TwoByteUtf8Units(std::string_view bytes) noexcept {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  std::size_t continuations = 0;
+  std::size_t at = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+  const __m128i topTwo = _mm_set1_epi8(static_cast<char>(0xC0)), continuation = _mm_set1_epi8(static_cast<char>(0x80));
+  for (; at + 16 <= bytes.size(); at += 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
+    continuations += static_cast<std::size_t>(std::popcount(static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(block, topTwo), continuation)))));
+  }
+#endif
+  for (; at < bytes.size(); ++at) continuations += (in[at] & 0xC0) == 0x80;
+  return bytes.size() - continuations;
+}
+
+std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units) noexcept {
+  return DecodeUtf8Units(bytes.data(), bytes.size(), units);
+}
+
+String TagText::Str() const {
+  if (!IsUtf8()) return String(View());
+  String text;
+  std::u16string& units = text.Std();
+  units.resize(TwoByteUtf8Units(Utf8()));
+  DecodeTwoByteUtf8(Utf8(), units.data());
+  return text;
+}
+
+namespace {
+// Whether the bytes (of the two-byte form) decode to the units, without decoding them first.
+bool SameUnits(std::string_view bytes, std::u16string_view units) noexcept {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  std::size_t i = 0, j = 0;
+  while (i < bytes.size()) {
+    if (j == units.size()) return false;
+    const unsigned byte = in[i];
+    if (byte < 0x80) {
+      if (units[j] != byte) return false;
+      ++i;
+    } else {
+      if (units[j] != ((byte & 0x1F) << 6 | (in[i + 1] & 0x3F))) return false;
+      i += 2;
+    }
+    ++j;
+  }
+  return j == units.size();
+}
+} // namespace
+
+bool TagText::Equals(std::u16string_view text) const noexcept {
+  return IsUtf8() ? SameUnits(Utf8(), text) : View() == text;
+}
+
+bool TagText::Equals(const TagText& other) const {
+  if (IsUtf8() && other.IsUtf8()) return Utf8() == other.Utf8(); // the form's decoding is one to one
+  if (IsUtf8()) return SameUnits(Utf8(), other.View());
+  return other.Equals(View());
+}
+
 void TagText::Assign(std::u16string_view text) {
   char16_t* copy = nullptr;
   if (!text.empty()) {
@@ -235,13 +342,22 @@ void TagText::Assign(std::u16string_view text) {
     std::memcpy(copy, text.data(), text.size() * sizeof(char16_t));
   }
   Release();
-  units = copy;
+  data = copy;
   length = copy ? static_cast<std::uint32_t>(text.size()) | ownedBit : 0;
 }
 
+void TagText::AssignCopy(const TagText& other) {
+  if (!other.IsUtf8()) {
+    Assign(other.View());
+    return;
+  }
+  const String units = other.Str();
+  Assign(units.View());
+}
+
 void TagText::Release() noexcept {
-  if (length & ownedBit) std::free(const_cast<char16_t*>(units));
-  units = nullptr;
+  if (length & ownedBit) std::free(const_cast<void*>(data));
+  data = nullptr;
   length = 0;
 }
 

@@ -52,6 +52,23 @@ public:
     }
   }
   void Put(char16_t unit) { *at++ = unit; }
+  // Bytes of a text held as ASCII and two-byte UTF-8 sequences.
+  void Put(std::string_view bytes) {
+    if (bytes.size() > 32) {
+      at += detail::DecodeTwoByteUtf8(bytes, at);
+      return;
+    }
+    const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+      const unsigned byte = in[i];
+      if (byte < 0x80) {
+        *at++ = static_cast<char16_t>(byte);
+      } else {
+        *at++ = static_cast<char16_t>((byte & 0x1F) << 6 | (in[i + 1] & 0x3F));
+        ++i;
+      }
+    }
+  }
   void Indent(std::size_t level) {
     for (std::size_t i = 0; i < level; ++i) *at++ = u'\t';
   }
@@ -75,6 +92,12 @@ public:
     if (i < part.size()) used += EncodeUtf8Units(part.data() + i, part.size() - i, bytes.get() + used);
   }
   void Put(char16_t unit) { Put(View(&unit, 1)); }
+  // Bytes of a text held as ASCII and two-byte UTF-8 sequences: already what is written.
+  void Put(std::string_view part) {
+    Reserve(part.size());
+    std::memcpy(bytes.get() + used, part.data(), part.size());
+    used += part.size();
+  }
   void Indent(std::size_t level) {
     Reserve(level);
     std::memset(bytes.get() + used, '\t', level);
@@ -107,6 +130,7 @@ class LengthCount {
 public:
   void Put(View part) { length += part.size(); }
   void Put(char16_t) { ++length; }
+  void Put(std::string_view bytes) { length += detail::TwoByteUtf8Units(bytes); }
   void Indent(std::size_t level) { length += level; }
   void EndLine() { length += LineEnd().Len(); }
   std::size_t Length() const { return length; }
@@ -124,18 +148,27 @@ void PutCommentLine(Output& out, const XMLTag& tag, std::size_t level) {
   out.EndLine();
 }
 
-// The value with every CR LF, then every remaining LF, replaced by the marker; a lone CR stays.
+// A tag's text in the form it is held.
 template <class Output>
-void PutMarkedValue(Output& out, View value) {
-  std::size_t from = 0;
-  for (std::size_t i = 0; i < value.size(); ++i) {
-    if (value[i] != u'\n') continue;
-    const bool pair = i > from && value[i - 1] == u'\r';
-    out.Put(value.substr(from, i - from - (pair ? 1 : 0)));
-    out.Put(crlfMarker);
-    from = i + 1;
-  }
-  out.Put(value.substr(from));
+void PutText(Output& out, const detail::TagText& text) {
+  text.Visit([&](auto part) { out.Put(part); });
+}
+
+// The value with every CR LF, then every remaining LF, replaced by the marker; a lone CR stays.
+// (In bytes of UTF-8 the line ends stand as they do in the units.)
+template <class Output>
+void PutMarkedValue(Output& out, const detail::TagText& text) {
+  text.Visit([&](auto value) {
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+      if (value[i] != '\n') continue;
+      const bool pair = i > from && value[i - 1] == '\r';
+      out.Put(value.substr(from, i - from - (pair ? 1 : 0)));
+      out.Put(crlfMarker);
+      from = i + 1;
+    }
+    out.Put(value.substr(from));
+  });
 }
 
 // Writes a tag's start line, or the whole tag if it has no nested tags. True when nested tags and
@@ -146,25 +179,25 @@ bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
     out.Put(prolog);
     out.EndLine();
   }
-  const View name = XMLTagAccess::Name(tag).View();
-  const View value = XMLTagAccess::Value(tag).View();
+  const detail::TagText& name = XMLTagAccess::Name(tag);
+  const detail::TagText& value = XMLTagAccess::Value(tag);
   const bool hasComment = !XMLTagAccess::Comment(tag).empty();
   const bool hasNested = XMLTagAccess::NestedTags(tag).Size() != 0;
 
   out.Indent(level);
   out.Put(u'<');
-  out.Put(name);
+  PutText(out, name);
   if (const detail::XMLAttrBlock* attributes = XMLTagAccess::Attributes(tag)) {
     for (std::uint32_t i = 0; i < attributes->count; ++i) {
       const detail::XMLAttrEntry& attr = attributes->Entries()[i];
       out.Put(u' ');
-      out.Put(attr.name.View());
+      PutText(out, attr.name);
       out.Put(u"=\"");
-      out.Put(attr.value.View());
+      PutText(out, attr.value);
       out.Put(u'"');
     }
   }
-  if (value.empty() && !hasNested) {
+  if (value.IsEmpty() && !hasNested) {
     // The blank lets the reader end the name there; a comment has no place in this form.
     out.Put(u" />");
     out.EndLine();
@@ -172,9 +205,9 @@ bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
   }
   out.Put(u'>');
   if (!hasNested) {
-    out.Put(value);
+    PutText(out, value);
     out.Put(u"</");
-    out.Put(name);
+    PutText(out, name);
     out.Put(u'>');
     out.EndLine();
     if (hasComment) PutCommentLine(out, tag, level);
@@ -182,7 +215,7 @@ bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
   }
   out.EndLine();
   if (hasComment) PutCommentLine(out, tag, level);
-  if (!value.empty()) {
+  if (!value.IsEmpty()) {
     PutMarkedValue(out, value);
     out.EndLine();
   }
@@ -193,7 +226,7 @@ template <class Output>
 void PutClosing(Output& out, const XMLTag& tag, std::size_t level) {
   out.Indent(level);
   out.Put(u"</");
-  out.Put(XMLTagAccess::Name(tag).View());
+  PutText(out, XMLTagAccess::Name(tag));
   out.Put(u'>');
   out.EndLine();
 }
