@@ -1,11 +1,15 @@
 // The reader of the line dialect: ReadText and ReadFile.
 //
-// Lines are taken from the text or the file one at a time, with one line of look-ahead, so no copy
-// of the whole document is ever held as lines. Empty lines and lines holding "!--" are skipped as
-// they come. Tags are read in a loop with the open tags on a heap stack, so any depth reads in
-// constant stack, and every step is linear in the length of its line.
+// Lines are taken from the text or the file one at a time, with one line of look-ahead, in place:
+// a String's units, or a UTF-8 file's bytes in a buffer of blocks (a UTF-16 file goes through the
+// file layer, a line at a time). No copy of the whole document is ever held. A line's end and the
+// markers that steer the reading are found in one pass over its bytes, a block of them at a time,
+// and only what the tree keeps is copied into the document's storage: names once each, values
+// decoded to units or, when they are ASCII and two-byte UTF-8, kept as their bytes. Empty lines
+// and lines holding "!--" are skipped as they come. Tags are read in a loop with the open tags on
+// a heap stack, so any depth reads in constant stack, and every step is linear in the length of
+// its line.
 #include <qorxmlu/foundation/LineParsableFile.h>
-#include <qorxmlu/foundation/ParsableText.h>
 #include <qorxmlu/xml/XML.h>
 
 #include "xml/XMLTagAccess.h"

@@ -94,6 +94,7 @@ public:
   void Put(char16_t unit) { Put(View(&unit, 1)); }
   // Bytes of a text held as ASCII and two-byte UTF-8 sequences: already what is written.
   void Put(std::string_view part) {
+    if (part.empty()) return;
     Reserve(part.size());
     std::memcpy(bytes.get() + used, part.data(), part.size());
     used += part.size();
