@@ -11,7 +11,10 @@
 
 #include <qorxmlu/foundation/Encoding.h>
 
+#include "foundation/Simd.h"
+
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -39,9 +42,11 @@ const String& LineEnd() {
   return lineEnd;
 }
 
-// Writes into units sized for the text beforehand (by LengthCount over the same walk).
+// Writes into units sized for the text beforehand (by LengthCount over the same walk), with room
+// for slack units past the end, which the decoding of bytes may write over.
 class UnitOutput {
 public:
+  static constexpr std::size_t slack = 16;
   explicit UnitOutput(char16_t* units) : at(units) {}
   void Put(View part) {
     if (part.size() <= 16) {
@@ -54,12 +59,30 @@ public:
   void Put(char16_t unit) { *at++ = unit; }
   // Bytes of a text held as ASCII and two-byte UTF-8 sequences.
   void Put(std::string_view bytes) {
-    if (bytes.size() > 32) {
-      at += detail::DecodeTwoByteUtf8(bytes, at);
-      return;
-    }
     const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
+    std::size_t i = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+    // Sixteen bytes widened at once; a run of ASCII keeps them all, else up to the first lead,
+    // whose pair follows it (the form has no other).
+    while (bytes.size() - i >= 16) {
+      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+      const __m128i zero = _mm_setzero_si128();
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(at), _mm_unpacklo_epi8(block, zero));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 8), _mm_unpackhi_epi8(block, zero));
+      const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+      if (high == 0) {
+        at += 16;
+        i += 16;
+        continue;
+      }
+      const auto ascii = static_cast<std::size_t>(std::countr_zero(high));
+      at += ascii;
+      i += ascii;
+      *at++ = static_cast<char16_t>((in[i] & 0x1F) << 6 | (in[i + 1] & 0x3F));
+      i += 2;
+    }
+#endif
+    for (; i < bytes.size(); ++i) {
       const unsigned byte = in[i];
       if (byte < 0x80) {
         *at++ = static_cast<char16_t>(byte);
@@ -72,11 +95,11 @@ public:
   void Indent(std::size_t level) {
     for (std::size_t i = 0; i < level; ++i) *at++ = u'\t';
   }
-  void EndLine() { Put(LineEnd().View()); }
-  const char16_t* End() const { return at; }
+  void EndLine() { Put(lineEnd); }
 
 private:
   char16_t* at;
+  const View lineEnd = LineEnd().View();
 };
 
 // Encodes to UTF-8 into a buffer of bytes, as FlushFile would encode the same text: every piece
@@ -104,7 +127,7 @@ public:
     std::memset(bytes.get() + used, '\t', level);
     used += level;
   }
-  void EndLine() { Put(LineEnd().View()); }
+  void EndLine() { Put(lineEnd); }
 
   const char* Bytes() const { return bytes.get(); }
   std::size_t Size() const { return used; }
@@ -124,6 +147,7 @@ private:
   std::unique_ptr<char[]> bytes;
   std::size_t used = 0;
   std::size_t capacity = 0;
+  const View lineEnd = LineEnd().View();
 };
 
 // Counts what a UnitOutput would write.
@@ -133,11 +157,12 @@ public:
   void Put(char16_t) { ++length; }
   void Put(std::string_view bytes) { length += detail::TwoByteUtf8Units(bytes); }
   void Indent(std::size_t level) { length += level; }
-  void EndLine() { length += LineEnd().Len(); }
+  void EndLine() { length += lineEnd; }
   std::size_t Length() const { return length; }
 
 private:
   std::size_t length = 0;
+  const std::size_t lineEnd = LineEnd().Len();
 };
 
 template <class Output>
@@ -267,9 +292,11 @@ std::size_t TextLength(const XMLTag& top) {
 void AppendTree(String& text, const XMLTag& top) {
   std::u16string& units = text.Std();
   const std::size_t before = units.size();
-  units.resize(before + TextLength(top));
+  const std::size_t length = TextLength(top);
+  units.resize(before + length + UnitOutput::slack);
   UnitOutput out(units.data() + before);
   PutTree(out, top, [] { return true; });
+  units.resize(before + length);
 }
 
 } // namespace
