@@ -96,6 +96,7 @@ public:
     for (std::size_t i = 0; i < level; ++i) *at++ = u'\t';
   }
   void EndLine() { Put(lineEnd); }
+  const char16_t* End() const { return at; }
 
 private:
   char16_t* at;
@@ -150,12 +151,13 @@ private:
   const View lineEnd = LineEnd().View();
 };
 
-// Counts what a UnitOutput would write.
+// Counts the units a UnitOutput would write, or more: for bytes kept as UTF-8 it counts the bytes,
+// which is quicker than counting the units they decode to.
 class LengthCount {
 public:
   void Put(View part) { length += part.size(); }
   void Put(char16_t) { ++length; }
-  void Put(std::string_view bytes) { length += detail::TwoByteUtf8Units(bytes); }
+  void Put(std::string_view bytes) { length += bytes.size(); }
   void Indent(std::size_t level) { length += level; }
   void EndLine() { length += lineEnd; }
   std::size_t Length() const { return length; }
@@ -288,15 +290,14 @@ std::size_t TextLength(const XMLTag& top) {
   return count.Length();
 }
 
-// Appends the tree's text to a String sized for it beforehand.
+// Appends the tree's text to a String sized for it beforehand (at most a few units more).
 void AppendTree(String& text, const XMLTag& top) {
   std::u16string& units = text.Std();
   const std::size_t before = units.size();
-  const std::size_t length = TextLength(top);
-  units.resize(before + length + UnitOutput::slack);
+  units.resize(before + TextLength(top) + UnitOutput::slack);
   UnitOutput out(units.data() + before);
   PutTree(out, top, [] { return true; });
-  units.resize(before + length);
+  units.resize(static_cast<std::size_t>(out.End() - units.data()));
 }
 
 } // namespace
