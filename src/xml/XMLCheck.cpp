@@ -61,7 +61,7 @@ bool CommentLinesDrop(View comment) {
 View Units(const detail::TagText& text, std::u16string& room) {
   if (!text.IsUtf8()) return text.View();
   room.resize(detail::TwoByteUtf8Units(text.Utf8()));
-  detail::DecodeTwoByteUtf8(text.Utf8(), room.data());
+  detail::DecodeTwoByteUtf8(text.Utf8(), room.data(), room.size());
   return room;
 }
 

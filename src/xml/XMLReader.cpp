@@ -634,7 +634,8 @@ private:
   // A value from a file's bytes stays in them when it is of the form a TagText may hold as bytes.
   void KeepValue(TagText& field, TextOf<char16_t> text) { field.Borrow(texts.Keep(text)); }
   void KeepValue(TagText& field, TextOf<char> text) {
-    if (detail::IsTwoByteUtf8(text.data(), text.size(), true)) field.BorrowUtf8(texts.KeepBytes(text.data(), text.size()));
+    std::string_view bytes;
+    if (texts.KeepTwoByteUtf8(text.data(), text.size(), true, bytes)) field.BorrowUtf8(bytes);
     else field.Borrow(Kept(text));
   }
   View Kept(TextOf<char16_t> text) { return texts.Keep(text); }

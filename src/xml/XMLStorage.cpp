@@ -5,9 +5,9 @@
 
 #include "foundation/Simd.h"
 
-#include <bit>
-
 #include <algorithm>
+#include <bit>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -25,7 +25,6 @@ namespace {
 // of a large document low.
 constexpr std::size_t firstChunkSize = 16 * 1024;
 constexpr std::size_t largestChunkSize = 1024 * 1024;
-constexpr std::size_t mappedChunkSize = 1024 * 1024;
 
 void* AllocateOrThrow(std::size_t bytes) {
   void* room = std::malloc(bytes);
@@ -34,9 +33,25 @@ void* AllocateOrThrow(std::size_t bytes) {
 }
 
 // A chunk of an arena. A large chunk is filled whole, so on Linux it is mapped with its pages
-// made present in one call rather than one fault each.
+// made present in one call rather than one fault each (not under AddressSanitizer, which watches
+// only the heap's blocks).
+#if defined(__SANITIZE_ADDRESS__)
+#define QORXMLU_MAP_CHUNKS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QORXMLU_MAP_CHUNKS 0
+#endif
+#endif
+#if !defined(QORXMLU_MAP_CHUNKS) && defined(__linux__) && defined(MAP_POPULATE)
+#define QORXMLU_MAP_CHUNKS 1
+#endif
+
+#if QORXMLU_MAP_CHUNKS
+constexpr std::size_t mappedChunkSize = 1024 * 1024;
+#endif
+
 void* AllocateChunk(std::size_t bytes) {
-#if defined(__linux__) && defined(MAP_POPULATE)
+#if QORXMLU_MAP_CHUNKS
   if (bytes >= mappedChunkSize) {
     void* room = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (room == MAP_FAILED) throw std::bad_alloc();
@@ -47,7 +62,7 @@ void* AllocateChunk(std::size_t bytes) {
 }
 
 void FreeChunk(void* chunk, std::size_t bytes) noexcept {
-#if defined(__linux__) && defined(MAP_POPULATE)
+#if QORXMLU_MAP_CHUNKS
   if (bytes >= mappedChunkSize) {
     munmap(chunk, bytes);
     return;
@@ -121,6 +136,9 @@ std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bo
   // leaves over goes back when it is at the end of the chunk.
   if (length > TagText::maxLength) throw std::bad_alloc(); // the units could be as many
   auto* units = static_cast<char16_t*>(Allocate(length * sizeof(char16_t), alignof(char16_t)));
+  // Units may be written past the text's room only into the rest of the current chunk, which a
+  // large text does not lie in.
+  const std::ptrdiff_t roomBehind = reinterpret_cast<char*>(units + length) == next ? end - next : 0;
   // ASCII in blocks of sixteen and two-byte sequences inline; the rest from the first longer or
   // bad sequence on as the decoder does it.
   const auto* in = reinterpret_cast<const unsigned char*>(bytes);
@@ -129,7 +147,7 @@ std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bo
 #if defined(QORXMLU_HAVE_SSE2)
   // A short text whole in one block when the block may be read and written: sixteen units fit
   // behind the text's room in the chunk.
-  if (length < 16 && readAhead && static_cast<std::size_t>(end - reinterpret_cast<char*>(units)) >= 16 * sizeof(char16_t)) {
+  if (length < 16 && readAhead && roomBehind >= static_cast<std::ptrdiff_t>((16 - length) * sizeof(char16_t))) {
     const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
     const __m128i zero = _mm_setzero_si128();
     _mm_storeu_si128(reinterpret_cast<__m128i*>(units), _mm_unpacklo_epi8(block, zero));
@@ -173,12 +191,58 @@ std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bo
   return {units, count};
 }
 
-std::string_view XMLArena::KeepBytes(const char* bytes, std::size_t length) {
-  if (length == 0) return {};
+bool XMLArena::KeepTwoByteUtf8(const char* bytes, std::size_t length, bool readAhead, std::string_view& kept) {
+  kept = {};
+  if (length == 0) return true;
   if (length > TagText::maxLength) throw std::bad_alloc();
   auto* copy = static_cast<char*>(Allocate(length, 1));
-  std::memcpy(copy, bytes, length);
-  return {copy, length};
+  // Copied while checked, sixteen bytes at a time where they may be read (and written: past the
+  // copy only with room left in the current chunk, which a large copy does not lie in).
+  const std::ptrdiff_t roomBehind = copy + length == next ? end - next : 0;
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
+  std::size_t at = 0;
+  unsigned pendingLead = 0; // the last byte looked at is a lead: a continuation must follow
+  bool fits = true;
+#if defined(QORXMLU_HAVE_SSE2)
+  const __m128i topTwo = _mm_set1_epi8(static_cast<char>(0xC0)), continuation = _mm_set1_epi8(static_cast<char>(0x80));
+  while (at < length && (length - at >= 16 || (readAhead && roomBehind >= 16))) {
+    const unsigned n = length - at >= 16 ? 16 : static_cast<unsigned>(length - at);
+    const unsigned inText = n == 16 ? 0xFFFFu : (1u << n) - 1;
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(copy + at), block);
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block)) & inText;
+    if (high != 0 || pendingLead) {
+      // Continuations 80..BF; leads C2..DF, as signed bytes after flipping the top bit 42..5F.
+      const unsigned continuations =
+          static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(block, topTwo), continuation))) &
+          inText;
+      const __m128i flipped = _mm_xor_si128(block, continuation);
+      const unsigned leads = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
+                                 _mm_cmpgt_epi8(flipped, _mm_set1_epi8(0x41)), _mm_cmplt_epi8(flipped, _mm_set1_epi8(0x60))))) &
+                             inText;
+      if ((high & ~(continuations | leads)) != 0 || continuations != (((leads << 1) | pendingLead) & inText)) {
+        fits = false;
+        break;
+      }
+      pendingLead = leads >> (n - 1) & 1;
+    }
+    at += n;
+  }
+#endif
+  for (; fits && at < length; ++at) {
+    const unsigned byte = in[at];
+    const bool isContinuation = (byte & 0xC0) == 0x80;
+    if (isContinuation != (pendingLead != 0) || (byte >= 0x80 && !isContinuation && (byte < 0xC2 || byte > 0xDF)))
+      fits = false;
+    pendingLead = byte >= 0xC2 && byte <= 0xDF;
+    copy[at] = static_cast<char>(byte);
+  }
+  if (!fits || pendingLead) {
+    if (copy + length == next) next = copy; // the room goes back
+    return false;
+  }
+  kept = {copy, length};
+  return true;
 }
 
 // ---- XMLAttrBlock -------------------------------------------------------------------------
@@ -235,45 +299,6 @@ void XMLAttrBlock::Release(XMLAttrBlock* block) noexcept {
 
 // ---- TagText ------------------------------------------------------------------------------
 
-bool IsTwoByteUtf8(const char* bytes, std::size_t length, bool readAhead) noexcept {
-  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
-  std::size_t at = 0;
-  unsigned pendingLead = 0; // the last byte looked at is a lead: a continuation must follow
-#if defined(QORXMLU_HAVE_SSE2)
-  const __m128i topTwo = _mm_set1_epi8(static_cast<char>(0xC0)), continuation = _mm_set1_epi8(static_cast<char>(0x80));
-  while (at < length && (length - at >= 16 || readAhead)) {
-    const unsigned n = length - at >= 16 ? 16 : static_cast<unsigned>(length - at);
-    const unsigned inText = n == 16 ? 0xFFFFu : (1u << n) - 1;
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
-    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block)) & inText;
-    if (high == 0) {
-      if (pendingLead) return false;
-      at += n;
-      continue;
-    }
-    // Continuations 80..BF; leads C2..DF, as signed bytes after flipping the top bit 42..5F.
-    const unsigned continuations =
-        static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(block, topTwo), continuation))) & inText;
-    const __m128i flipped = _mm_xor_si128(block, continuation);
-    const unsigned leads = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
-                               _mm_cmpgt_epi8(flipped, _mm_set1_epi8(0x41)), _mm_cmplt_epi8(flipped, _mm_set1_epi8(0x60))))) &
-                           inText;
-    if ((high & ~(continuations | leads)) != 0) return false;
-    if (continuations != (((leads << 1) | pendingLead) & inText)) return false;
-    pendingLead = leads >> (n - 1) & 1;
-    at += n;
-  }
-#endif
-  for (; at < length; ++at) {
-    const unsigned byte = in[at];
-    const bool isContinuation = (byte & 0xC0) == 0x80;
-    if (isContinuation != (pendingLead != 0)) return false;
-    if (byte >= 0x80 && !isContinuation && (byte < 0xC2 || byte > 0xDF)) return false;
-    pendingLead = byte >= 0xC2 && byte <= 0xDF;
-  }
-  return pendingLead == 0;
-}
-
 std::size_t TwoByteUtf8Units(std::string_view bytes) noexcept {
   const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
   std::size_t continuations = 0;
@@ -290,8 +315,41 @@ std::size_t TwoByteUtf8Units(std::string_view bytes) noexcept {
   return bytes.size() - continuations;
 }
 
-std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units) noexcept {
-  return DecodeUtf8Units(bytes.data(), bytes.size(), units);
+std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units, std::size_t room) noexcept {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  char16_t* out = units;
+  std::size_t i = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+  // Sixteen bytes widened at once while sixteen units fit; a run of ASCII keeps them all, else up
+  // to the first lead, whose pair follows it (the form has no other).
+  while (bytes.size() - i >= 16 && room - static_cast<std::size_t>(out - units) >= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(block, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(block, zero));
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+    if (high == 0) {
+      out += 16;
+      i += 16;
+      continue;
+    }
+    const auto ascii = static_cast<std::size_t>(std::countr_zero(high));
+    out += ascii;
+    i += ascii;
+    *out++ = static_cast<char16_t>((in[i] & 0x1F) << 6 | (in[i + 1] & 0x3F));
+    i += 2;
+  }
+#endif
+  for (; i < bytes.size(); ++i) {
+    const unsigned byte = in[i];
+    if (byte < 0x80) {
+      *out++ = static_cast<char16_t>(byte);
+    } else {
+      *out++ = static_cast<char16_t>((byte & 0x1F) << 6 | (in[i + 1] & 0x3F));
+      ++i;
+    }
+  }
+  return static_cast<std::size_t>(out - units);
 }
 
 String TagText::Str() const {
@@ -299,7 +357,7 @@ String TagText::Str() const {
   String text;
   std::u16string& units = text.Std();
   units.resize(TwoByteUtf8Units(Utf8()));
-  DecodeTwoByteUtf8(Utf8(), units.data());
+  DecodeTwoByteUtf8(Utf8(), units.data(), units.size());
   return text;
 }
 

@@ -110,13 +110,12 @@ private:
 #pragma pack(pop)
 static_assert(sizeof(TagText) == 12, "a pointer and a 32-bit length");
 
-// Whether the bytes are all ASCII and complete two-byte UTF-8 sequences (leads C2..DF), the form
-// a TagText may hold as bytes. readAhead: 16 bytes past them may be read.
-bool IsTwoByteUtf8(const char* bytes, std::size_t length, bool readAhead) noexcept;
-// The units that such bytes decode to: one per byte that is not a continuation byte.
+// The units that bytes of the form a TagText may hold (all ASCII and complete two-byte UTF-8
+// sequences, leads C2..DF) decode to: one per byte that is not a continuation byte.
 std::size_t TwoByteUtf8Units(std::string_view bytes) noexcept;
-// Decodes such bytes into units (as many as TwoByteUtf8Units says) and returns their count.
-std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units) noexcept;
+// Decodes such bytes into units (as many as TwoByteUtf8Units says) and returns their count; room
+// units may be written at units (at least that count: past it, as scratch).
+std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units, std::size_t room) noexcept;
 
 // The nested tags of one tag, in document order. Never shared. The block is the list's own on the
 // heap, or lent by the document's storage (a read or copied tree), used in place while it has
@@ -175,8 +174,9 @@ public:
   // The UTF-8 bytes decoded (see DecodeUtf8Units) into units that live as long as the arena.
   // readAhead: 16 bytes past the text may be read (and are not decoded).
   std::u16string_view KeepUtf8(const char* bytes, std::size_t length, bool readAhead = false);
-  // A copy of the bytes, for a TagText held as UTF-8.
-  std::string_view KeepBytes(const char* bytes, std::size_t length);
+  // When the bytes are of the form a TagText may hold as bytes, a copy of them in kept, and true.
+  // readAhead: 16 bytes past them may be read.
+  bool KeepTwoByteUtf8(const char* bytes, std::size_t length, bool readAhead, std::string_view& kept);
 
 private:
   struct Chunk;

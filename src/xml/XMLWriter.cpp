@@ -57,41 +57,9 @@ public:
     }
   }
   void Put(char16_t unit) { *at++ = unit; }
-  // Bytes of a text held as ASCII and two-byte UTF-8 sequences.
-  void Put(std::string_view bytes) {
-    const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
-    std::size_t i = 0;
-#if defined(QORXMLU_HAVE_SSE2)
-    // Sixteen bytes widened at once; a run of ASCII keeps them all, else up to the first lead,
-    // whose pair follows it (the form has no other).
-    while (bytes.size() - i >= 16) {
-      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
-      const __m128i zero = _mm_setzero_si128();
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(at), _mm_unpacklo_epi8(block, zero));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 8), _mm_unpackhi_epi8(block, zero));
-      const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
-      if (high == 0) {
-        at += 16;
-        i += 16;
-        continue;
-      }
-      const auto ascii = static_cast<std::size_t>(std::countr_zero(high));
-      at += ascii;
-      i += ascii;
-      *at++ = static_cast<char16_t>((in[i] & 0x1F) << 6 | (in[i + 1] & 0x3F));
-      i += 2;
-    }
-#endif
-    for (; i < bytes.size(); ++i) {
-      const unsigned byte = in[i];
-      if (byte < 0x80) {
-        *at++ = static_cast<char16_t>(byte);
-      } else {
-        *at++ = static_cast<char16_t>((byte & 0x1F) << 6 | (in[i + 1] & 0x3F));
-        ++i;
-      }
-    }
-  }
+  // Bytes of a text held as ASCII and two-byte UTF-8 sequences; the slack takes what decoding
+  // writes past them.
+  void Put(std::string_view bytes) { at += detail::DecodeTwoByteUtf8(bytes, at, bytes.size() + slack); }
   void Indent(std::size_t level) {
     for (std::size_t i = 0; i < level; ++i) *at++ = u'\t';
   }
