@@ -120,6 +120,7 @@ std::size_t NextMarker(const char16_t* text, std::size_t length) {
 struct LineMarks {
   std::size_t firstOpen = none;    // "<"
   std::size_t firstEndOpen = none; // "</"
+  bool moreEndOpens = false;       // a second "</"
   std::size_t firstClose = none;   // ">"
   bool emptyTagEnd = false;        // "/>" somewhere
   bool comment = false;            // "!--" somewhere
@@ -131,7 +132,10 @@ struct LineMarks {
     const Char c = text[i];
     if (c == '<') {
       if (firstOpen == none) firstOpen = i;
-      if (firstEndOpen == none && i + 1 < length && text[i + 1] == '/') firstEndOpen = i;
+      if (i + 1 < length && text[i + 1] == '/') {
+        if (firstEndOpen == none) firstEndOpen = i;
+        else moreEndOpens = true;
+      }
     } else if (c == '>') {
       if (firstClose == none) firstClose = i;
       if (i > 0 && text[i - 1] == '/') emptyTagEnd = true;
@@ -193,11 +197,15 @@ bool EndTagNameAt(TextOf<char> rest, View name) {
   return View(units) == name;
 }
 
-// Whether "</", name and ">" stand in the line; from is the first "</" of the line.
+// Whether "</", name and ">" stand in the line; from is the first "</" of the line, and the rest
+// is searched only when the line holds more.
 template <class Char>
-bool ContainsEndTag(TextOf<Char> line, std::size_t from, View name) {
+bool ContainsEndTag(TextOf<Char> line, std::size_t from, bool more, View name) {
+  if (EndTagNameAt(line.substr(from + 2), name)) return true;
+  if (!more) return false;
   constexpr Char endOpen[] = {'<', '/'};
-  for (std::size_t at = from; at != none; at = line.find(TextOf<Char>(endOpen, 2), at + 2)) {
+  for (std::size_t at = line.find(TextOf<Char>(endOpen, 2), from + 2); at != none;
+       at = line.find(TextOf<Char>(endOpen, 2), at + 2)) {
     if (EndTagNameAt(line.substr(at + 2), name)) return true;
   }
   return false;
@@ -205,7 +213,8 @@ bool ContainsEndTag(TextOf<Char> line, std::size_t from, View name) {
 
 template <class Char>
 bool HasEndTag(const Line<Char>& line, View name) {
-  return line.marks.firstEndOpen != none && ContainsEndTag(line.Text(), line.marks.firstEndOpen, name);
+  return line.marks.firstEndOpen != none &&
+         ContainsEndTag(line.Text(), line.marks.firstEndOpen, line.marks.moreEndOpens, name);
 }
 
 // ---- where the lines come from ------------------------------------------------------------
@@ -398,7 +407,11 @@ private:
       // holds the line end holds every neighbour of the line's markers: at worst the line end.)
       const std::uint64_t slashAfter = c.slash >> 1 | std::uint64_t(window[64] == '/') << 63;
       if (open && marks.firstOpen == none) marks.firstOpen = at(open);
-      if (marks.firstEndOpen == none && (open & slashAfter)) marks.firstEndOpen = at(open & slashAfter);
+      if (const std::uint64_t endOpens = open & slashAfter) {
+        if (marks.firstEndOpen == none) marks.firstEndOpen = at(endOpens);
+        else marks.moreEndOpens = true;
+        if (endOpens & (endOpens - 1)) marks.moreEndOpens = true;
+      }
       if (close && marks.firstClose == none) marks.firstClose = at(close);
       if (close & (c.slash << 1 | slashBefore)) marks.emptyTagEnd = true;
       if ((c.bang & inLine) && CommentAt(window, c.bang & inLine)) marks.comment = true;
