@@ -76,7 +76,8 @@ public:
   void Assign(std::u16string_view text);
   // Holds a heap copy of the other text's units.
   void AssignCopy(const TagText& other);
-  // Points at units, or at bytes of the form above, that outlive this text; nothing is copied.
+  // Points at units (Borrow) or at bytes of the form above (BorrowUtf8) that outlive this text;
+  // nothing is copied.
   void Borrow(std::u16string_view text) noexcept { // text is at most maxLength long
     if (Owned()) Release();
     data = text.data();
