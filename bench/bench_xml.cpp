@@ -4,7 +4,7 @@
 // folder, measures reading, writing and copying it with each library, each in a process of its
 // own so that the peak memory (getrusage) is that library's alone, in QORXMLU_BENCH_ROUNDS rounds
 // (default 3) that take the libraries in turn, prints the table, and then runs the in-process
-// micro benchmarks on a 4 MB document, interleaved.
+// micro benchmarks on a 4 MB document, interleaved (QORXMLU_BENCH_MICRO=0 leaves them out).
 //   bench_xml --child <read|write|copy> <qorxmlu|pugixml|tinyxml2> <file>   one measurement
 //   bench_xml --generate <file> <megabytes>                                  the document only
 #include <qorxmlu/foundation/String.h>
@@ -54,7 +54,7 @@ struct Measurement {
   double load = 0;    // seconds to read the file into a tree
   double loadCpu = 0; // processor seconds (user and system) of that read
   double op = 0;      // seconds of the operation after it (0 for read)
-  double text = 0;    // qorxmlu: GetText alone, within write
+  double text = 0;    // write only: the whole document as text in memory (GetText, save to a string, print)
 };
 
 // Processor seconds of this process so far, user and system.
@@ -86,9 +86,11 @@ Measurement RunOurs(const std::string& op, const std::string& file) {
   }
   if (op == "write") {
     auto start = Clock::now();
-    const String text = doc.GetText();
-    m.text = Seconds(start);
-    benchmark::DoNotOptimize(text.Len());
+    {
+      const String text = doc.GetText();
+      m.text = Seconds(start);
+      benchmark::DoNotOptimize(text.Len());
+    }
     start = Clock::now();
     error.reset(doc.Write(String::FromUtf8(file + ".out")));
     m.op = Seconds(start);
@@ -101,6 +103,12 @@ Measurement RunOurs(const std::string& op, const std::string& file) {
   return m;
 }
 
+// pugixml's save to memory, as its own writer interface gives it.
+struct StringWriter final : pugi::xml_writer {
+  std::string text;
+  void write(const void* data, std::size_t size) override { text.append(static_cast<const char*>(data), size); }
+};
+
 Measurement RunPugi(const std::string& op, const std::string& file) {
   Measurement m;
   pugi::xml_document doc;
@@ -108,7 +116,14 @@ Measurement RunPugi(const std::string& op, const std::string& file) {
   TimeLoad(m, [&] { loaded = doc.load_file(file.c_str()); });
   if (!loaded) std::exit(1);
   if (op == "write") {
-    const auto start = Clock::now();
+    auto start = Clock::now();
+    {
+      StringWriter writer;
+      doc.save(writer, "\t");
+      m.text = Seconds(start);
+      benchmark::DoNotOptimize(writer.text.size());
+    }
+    start = Clock::now();
     doc.save_file((file + ".out").c_str(), "\t");
     m.op = Seconds(start);
   } else if (op == "copy") {
@@ -128,7 +143,14 @@ Measurement RunTiny(const std::string& op, const std::string& file) {
   TimeLoad(m, [&] { loaded = doc.LoadFile(file.c_str()); });
   if (loaded != tinyxml2::XML_SUCCESS) std::exit(1);
   if (op == "write") {
-    const auto start = Clock::now();
+    auto start = Clock::now();
+    {
+      tinyxml2::XMLPrinter printer;
+      doc.Print(&printer);
+      m.text = Seconds(start);
+      benchmark::DoNotOptimize(printer.CStrSize());
+    }
+    start = Clock::now();
     doc.SaveFile((file + ".out").c_str());
     m.op = Seconds(start);
   } else if (op == "copy") {
@@ -172,25 +194,25 @@ Result SpawnOnce(const std::string& self, const std::string& op, const std::stri
   return result;
 }
 
-// The runs of one measurement: the best and the worst of each figure.
+// The runs of one measurement, kept whole for the median and the spread of each figure.
 struct Runs {
-  Result best, worst;
-  int count = 0;
+  std::vector<Result> all;
 
-  void Add(const Result& r) {
-    if (count++ == 0) {
-      best = worst = r;
-      return;
-    }
-    auto keep = [](double& low, double& high, double value) {
-      low = std::min(low, value);
-      high = std::max(high, value);
-    };
-    keep(best.m.load, worst.m.load, r.m.load);
-    keep(best.m.loadCpu, worst.m.loadCpu, r.m.loadCpu);
-    keep(best.m.op, worst.m.op, r.m.op);
-    keep(best.m.text, worst.m.text, r.m.text);
-    keep(best.peakMiB, worst.peakMiB, r.peakMiB);
+  void Add(const Result& r) { all.push_back(r); }
+
+  template <class Figure>
+  std::vector<double> Sorted(Figure figure) const {
+    std::vector<double> values;
+    for (const Result& r : all) values.push_back(figure(r));
+    std::sort(values.begin(), values.end());
+    return values;
+  }
+  template <class Figure>
+  double Median(Figure figure) const {
+    const std::vector<double> values = Sorted(figure);
+    if (values.empty()) return 0;
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
   }
 };
 
@@ -230,31 +252,45 @@ void Compare(const std::string& self, std::uint64_t megabytes, int rounds) {
   const Runs(&read)[3] = runs[0];
   const Runs(&write)[3] = runs[1];
   const Runs(&copy)[3] = runs[2];
-  std::printf("%d rounds, each library in turn; best (worst) of the rounds; load average %.1f before, "
-              "%.1f after\n",
+  std::printf("%d rounds, each library in turn; median [lowest - highest] of the rounds; load average %.1f "
+              "before, %.1f after\n",
               rounds, loadBefore, loadAfter);
-  std::printf("%-32s %18s %18s %18s\n", "", libraries[0], libraries[1], libraries[2]);
+  std::printf("%-34s %23s %23s %23s\n", "", libraries[0], libraries[1], libraries[2]);
   auto row = [](const char* label, const Runs (&r)[3], auto figure) {
-    std::printf("%-32s", label);
-    for (int i = 0; i < 3; ++i) std::printf("   %7.3f (%7.3f)", figure(r[i].best), figure(r[i].worst));
+    std::printf("%-34s", label);
+    for (int i = 0; i < 3; ++i) {
+      const std::vector<double> values = r[i].Sorted(figure);
+      std::printf("   %7.3f [%6.3f-%6.3f]", r[i].Median(figure), values.front(), values.back());
+    }
     std::printf("\n");
   };
-  row("ReadFile / load (s)", read, [](const Result& r) { return r.m.load; });
-  row("  processor time, user+sys (s)", read, [](const Result& r) { return r.m.loadCpu; });
-  row("  peak memory (MiB)", read, [](const Result& r) { return r.peakMiB; });
-  row("GetText + Write / save (s)", write, [](const Result& r) { return r.m.op; });
-  std::printf("%-32s   %7.3f (%7.3f)\n", "  of which GetText alone (s)", write[0].best.m.text, write[0].worst.m.text);
-  row("  peak memory, load + save (MiB)", write, [](const Result& r) { return r.peakMiB; });
-  row("copy of the loaded tree (s)", copy, [](const Result& r) { return r.m.op; });
-  row("  peak memory, load + copy (MiB)", copy, [](const Result& r) { return r.peakMiB; });
+  const auto load = [](const Result& r) { return r.m.load; };
+  const auto loadCpu = [](const Result& r) { return r.m.loadCpu; };
+  const auto peak = [](const Result& r) { return r.peakMiB; };
+  const auto readWrite = [](const Result& r) { return r.m.load + r.m.op; };
+  const auto text = [](const Result& r) { return r.m.text; };
+  const auto op = [](const Result& r) { return r.m.op; };
+  row("read: ReadFile / load (s)", read, load);
+  row("  processor time, user+sys (s)", read, loadCpu);
+  row("  peak memory (MiB)", read, peak);
+  row("read + write to a file (s)", write, readWrite);
+  row("  of which the write (s)", write, op);
+  row("  peak memory (MiB)", write, peak);
+  row("whole text in memory (s)", write, text);
+  row("copy of the loaded tree (s)", copy, op);
+  row("  peak memory, load + copy (MiB)", copy, peak);
 
-  std::printf("\nRatios of the best runs (goal in brackets):\n");
-  std::printf("  read time    qorxmlu / pugixml  %.2f  (<= 2)\n", read[0].best.m.load / read[1].best.m.load);
-  std::printf("  read time    qorxmlu / tinyxml2 %.2f  (< 1)\n", read[0].best.m.load / read[2].best.m.load);
-  std::printf("  read CPU     qorxmlu / pugixml  %.2f\n", read[0].best.m.loadCpu / read[1].best.m.loadCpu);
-  std::printf("  peak memory  qorxmlu / pugixml  %.2f  (<= 2.5)\n", read[0].worst.peakMiB / read[1].worst.peakMiB);
-  std::printf("  write time   qorxmlu / pugixml  %.2f  (<= 1.5)\n", write[0].best.m.op / write[1].best.m.op);
-  std::printf("  qorxmlu copy / qorxmlu read     %.2f  (< 1)\n\n", copy[0].best.m.op / read[0].best.m.load);
+  std::printf("\nRatios of the medians, qorxmlu / pugixml and qorxmlu / tinyxml2 (goal against pugixml):\n");
+  auto ratio = [](const char* label, const Runs (&r)[3], auto figure, const char* goal) {
+    const double ours = r[0].Median(figure);
+    std::printf("  %-38s %5.2f   %5.2f   (%s)\n", label, ours / r[1].Median(figure), ours / r[2].Median(figure), goal);
+  };
+  ratio("read time", read, load, "<= 1.0, aim 0.75");
+  ratio("read processor time", read, loadCpu, "<= 1.0, aim 0.75");
+  ratio("read peak memory", read, peak, "<= 1.0");
+  ratio("read + write", write, readWrite, "<= 1.0");
+  ratio("GetText / save to a string / print", write, text, "<= 1.0");
+  std::printf("  %-38s %5.2f           (< 1)\n\n", "qorxmlu copy / qorxmlu read", copy[0].Median(op) / read[0].Median(load));
 }
 
 // ---- in-process micro benchmarks on a small document --------------------------------------
@@ -370,6 +406,7 @@ int main(int argc, char** argv) {
   Compare(std::filesystem::canonical("/proc/self/exe").string(),
           megabytes ? std::strtoull(megabytes, nullptr, 10) : 100, rounds ? std::atoi(rounds) : 3);
 
+  if (const char* micro = std::getenv("QORXMLU_BENCH_MICRO"); micro && std::strcmp(micro, "0") == 0) return 0;
   QOR::bench::InterleavedRuns runs(argc, argv, 3);
   benchmark::Initialize(runs.Count(), runs.Args());
   benchmark::RunSpecifiedBenchmarks();

@@ -6,6 +6,7 @@
 #include "xml/XMLTagAccess.h"
 
 #include <memory>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -56,12 +57,25 @@ bool CommentLinesDrop(View comment) {
   return true;
 }
 
+// The units of a text, decoded into room when it is held as bytes.
+View Units(const detail::TagText& text, std::u16string& room) {
+  if (!text.IsUtf8()) return text.View();
+  room.resize(detail::TwoByteUtf8Units(text.Utf8()));
+  detail::DecodeTwoByteUtf8(text.Utf8(), room.data(), room.size());
+  return room;
+}
+
+// Room for the texts of one tag at a time, kept from tag to tag.
+struct Room {
+  std::u16string name, value, attrName, attrValue;
+};
+
 // Why the tag's own lines would not give it back, or null. The tag's texts come back only from
 // single lines that the reader keeps, so a line end or "!--" in any of them is fatal; the rest
 // follows the form the writer gives the tag: <a />, <a>value</a>, or a start and an end line.
-const char16_t* Flaw(const XMLTag& tag) {
-  const View name = XMLTagAccess::Name(tag).View();
-  const View value = XMLTagAccess::Value(tag).View();
+const char16_t* Flaw(const XMLTag& tag, Room& room) {
+  const View name = Units(XMLTagAccess::Name(tag), room.name);
+  const View value = Units(XMLTagAccess::Value(tag), room.value);
   const XMLTag* parent = XMLTagAccess::Parent(tag);
   const bool nested = XMLTagAccess::NestedTags(tag).Size() != 0;
   const bool oneLine = !nested && !value.empty();
@@ -77,15 +91,15 @@ const char16_t* Flaw(const XMLTag& tag) {
   // "<a/>" or "</a/>" holds "/>", which makes an empty tag of the line.
   if (name.back() == u'/' && (oneLine || (nested && noOfAttributes == 0))) return why::nameSlashEnd;
   for (std::uint32_t i = 0; i < noOfAttributes; ++i) {
-    const View attrName = attributes->Entries()[i].name.View();
-    const View attrValue = attributes->Entries()[i].value.View();
+    const View attrName = Units(attributes->Entries()[i].name, room.attrName);
+    const View attrValue = Units(attributes->Entries()[i].value, room.attrValue);
     if (Has(attrName, u"\n") || Has(attrValue, u"\n")) return why::lineEnd;
     if (Has(attrName, u"!--") || Has(attrValue, u"!--")) return why::commentMarker;
     if (HasAny(attrName, u"=/>") || StartsWithBlank(attrName)) return why::attrName;
     if (HasAny(attrValue, u"\"/>")) return why::attrValue;
   }
   if (oneLine && (Has(value, u"</") || Has(value, u"/>"))) return why::valueMarker;
-  if (oneLine && parent && name == XMLTagAccess::Name(*parent).View()) return why::parentName;
+  if (oneLine && parent && XMLTagAccess::Name(*parent).Equals(name)) return why::parentName;
   // The comment line follows the start line; a one-line top tag ends the reading before it.
   const bool commentWritten = nested || (oneLine && parent);
   if (commentWritten && !CommentLinesDrop(XMLTagAccess::Comment(tag))) return why::commentLines;
@@ -94,15 +108,15 @@ const char16_t* Flaw(const XMLTag& tag) {
 }
 
 bool SameTag(const XMLTag& a, const XMLTag& b) {
-  if (XMLTagAccess::Name(a).View() != XMLTagAccess::Name(b).View()) return false;
-  if (XMLTagAccess::Value(a).View() != XMLTagAccess::Value(b).View()) return false;
+  if (!XMLTagAccess::Name(a).Equals(XMLTagAccess::Name(b))) return false;
+  if (!XMLTagAccess::Value(a).Equals(XMLTagAccess::Value(b))) return false;
   const XMLAttrBlock* aAttributes = XMLTagAccess::Attributes(a);
   const XMLAttrBlock* bAttributes = XMLTagAccess::Attributes(b);
   const std::uint32_t count = aAttributes ? aAttributes->count : 0;
   if (count != (bAttributes ? bAttributes->count : 0)) return false;
   for (std::uint32_t i = 0; i < count; ++i) {
-    if (aAttributes->Entries()[i].name.View() != bAttributes->Entries()[i].name.View()) return false;
-    if (aAttributes->Entries()[i].value.View() != bAttributes->Entries()[i].value.View()) return false;
+    if (!aAttributes->Entries()[i].name.Equals(bAttributes->Entries()[i].name)) return false;
+    if (!aAttributes->Entries()[i].value.Equals(bAttributes->Entries()[i].value)) return false;
   }
   return XMLTagAccess::NestedTags(a).Size() == XMLTagAccess::NestedTags(b).Size();
 }
@@ -128,10 +142,11 @@ XMLTag* XML::FindUnwritableTag(String* reason) const {
   const XMLTag* suspect = nullptr;
   const char16_t* flaw = nullptr;
   std::vector<const XMLTag*> pending{topTag};
+  Room room;
   while (!pending.empty() && !flaw) {
     suspect = pending.back();
     pending.pop_back();
-    flaw = Flaw(*suspect);
+    flaw = Flaw(*suspect, room);
     const detail::TagList& nested = XMLTagAccess::NestedTags(*suspect);
     for (std::size_t i = nested.Size(); i-- > 0;) pending.push_back(nested[i]);
   }

@@ -1,11 +1,21 @@
 // The storage of tags and texts: arenas, attribute blocks, tag texts and nested-tag lists.
 #include "xml/XMLStorage.h"
 
+#include <qorxmlu/foundation/Encoding.h>
+
+#include "foundation/Simd.h"
+
 #include <algorithm>
+#include <bit>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 namespace QOR::detail {
 
@@ -14,12 +24,52 @@ namespace {
 // Chunks double from a size that suits a small reply up to one that keeps the count of chunks
 // of a large document low.
 constexpr std::size_t firstChunkSize = 16 * 1024;
-constexpr std::size_t largestChunkSize = 4 * 1024 * 1024;
+constexpr std::size_t largestChunkSize = 1024 * 1024;
 
 void* AllocateOrThrow(std::size_t bytes) {
   void* room = std::malloc(bytes);
   if (!room) throw std::bad_alloc();
   return room;
+}
+
+// A chunk of an arena. A large chunk is filled whole, so on Linux it is mapped with its pages
+// made present in one call rather than one fault each (not under AddressSanitizer, which watches
+// only the heap's blocks).
+#if defined(__SANITIZE_ADDRESS__)
+#define QORXMLU_MAP_CHUNKS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QORXMLU_MAP_CHUNKS 0
+#endif
+#endif
+#if !defined(QORXMLU_MAP_CHUNKS) && defined(__linux__) && defined(MAP_POPULATE)
+#define QORXMLU_MAP_CHUNKS 1
+#endif
+
+#if QORXMLU_MAP_CHUNKS
+constexpr std::size_t mappedChunkSize = 1024 * 1024;
+#endif
+
+void* AllocateChunk(std::size_t bytes) {
+#if QORXMLU_MAP_CHUNKS
+  if (bytes >= mappedChunkSize) {
+    void* room = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (room == MAP_FAILED) throw std::bad_alloc();
+    return room;
+  }
+#endif
+  return AllocateOrThrow(bytes);
+}
+
+void FreeChunk(void* chunk, std::size_t bytes) noexcept {
+#if QORXMLU_MAP_CHUNKS
+  if (bytes >= mappedChunkSize) {
+    munmap(chunk, bytes);
+    return;
+  }
+#endif
+  (void)bytes;
+  std::free(chunk);
 }
 
 } // namespace
@@ -36,7 +86,7 @@ XMLArena* XMLArena::Create() { return new XMLArena; }
 XMLArena::~XMLArena() {
   while (chunks) {
     Chunk* previous = chunks->previous;
-    std::free(chunks);
+    FreeChunk(chunks, chunks->size);
     chunks = previous;
   }
 }
@@ -55,7 +105,7 @@ void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
   if (bytes > (size - sizeof(Chunk)) / 2) {
     // A large block gets a chunk of its own; the current chunk stays in use.
     if (bytes > std::numeric_limits<std::size_t>::max() - sizeof(Chunk)) throw std::bad_alloc();
-    auto* own = static_cast<Chunk*>(AllocateOrThrow(sizeof(Chunk) + bytes));
+    auto* own = static_cast<Chunk*>(AllocateChunk(sizeof(Chunk) + bytes));
     own->size = sizeof(Chunk) + bytes;
     own->previous = chunks ? chunks->previous : nullptr;
     if (chunks) chunks->previous = own;
@@ -63,7 +113,7 @@ void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
     return own + 1;
   }
   nextChunkSize = size;
-  auto* chunk = static_cast<Chunk*>(AllocateOrThrow(nextChunkSize));
+  auto* chunk = static_cast<Chunk*>(AllocateChunk(nextChunkSize));
   chunk->previous = chunks;
   chunk->size = nextChunkSize;
   chunks = chunk;
@@ -74,9 +124,125 @@ void* XMLArena::AllocateInNewChunk(std::size_t bytes) {
 
 std::u16string_view XMLArena::Keep(std::u16string_view text) {
   if (text.empty()) return {};
+  if (text.size() > TagText::maxLength) throw std::bad_alloc();
   auto* units = static_cast<char16_t*>(Allocate(text.size() * sizeof(char16_t), alignof(char16_t)));
   std::memcpy(units, text.data(), text.size() * sizeof(char16_t));
   return {units, text.size()};
+}
+
+std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bool readAhead) {
+  if (length == 0) return {};
+  // No byte decodes to more than one unit: room for as many units as bytes, and what decoding
+  // leaves over goes back when it is at the end of the chunk.
+  if (length > TagText::maxLength) throw std::bad_alloc(); // the units could be as many
+  auto* units = static_cast<char16_t*>(Allocate(length * sizeof(char16_t), alignof(char16_t)));
+  // Units may be written past the text's room only into the rest of the current chunk, which a
+  // large text does not lie in.
+  const std::ptrdiff_t roomBehind = reinterpret_cast<char*>(units + length) == next ? end - next : 0;
+  // ASCII in blocks of sixteen and two-byte sequences inline; the rest from the first longer or
+  // bad sequence on as the decoder does it.
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
+  std::size_t count = 0;
+  std::size_t at = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+  // A short text whole in one block when the block may be read and written: sixteen units fit
+  // behind the text's room in the chunk.
+  if (length < 16 && readAhead && roomBehind >= static_cast<std::ptrdiff_t>((16 - length) * sizeof(char16_t))) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(units), _mm_unpacklo_epi8(block, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(units + 8), _mm_unpackhi_epi8(block, zero));
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block)) | 1u << length;
+    at = count = static_cast<std::size_t>(std::countr_zero(high));
+  }
+#endif
+  while (at < length) {
+#if defined(QORXMLU_HAVE_SSE2)
+    if (length - at >= 16) {
+      // Units never run ahead of bytes, so sixteen units stay inside the room.
+      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
+      const __m128i zero = _mm_setzero_si128();
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + count), _mm_unpacklo_epi8(block, zero));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + count + 8), _mm_unpackhi_epi8(block, zero));
+      const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+      if (high == 0) {
+        at += 16;
+        count += 16;
+        continue;
+      }
+      const auto ascii = static_cast<std::size_t>(std::countr_zero(high));
+      at += ascii;
+      count += ascii;
+    }
+#endif
+    const unsigned lead = in[at];
+    if (lead < 0x80) {
+      units[count++] = static_cast<char16_t>(lead);
+      ++at;
+    } else if (lead >= 0xC2 && lead < 0xE0 && at + 1 < length && (in[at + 1] & 0xC0) == 0x80) {
+      units[count++] = static_cast<char16_t>((lead & 0x1F) << 6 | (in[at + 1] & 0x3F));
+      at += 2;
+    } else {
+      count += DecodeUtf8Units(bytes + at, length - at, units + count);
+      break;
+    }
+  }
+  if (reinterpret_cast<char*>(units + length) == next) next = reinterpret_cast<char*>(units + count);
+  return {units, count};
+}
+
+bool XMLArena::KeepTwoByteUtf8(const char* bytes, std::size_t length, bool readAhead, std::string_view& kept) {
+  kept = {};
+  if (length == 0) return true;
+  if (length > TagText::maxLength) throw std::bad_alloc();
+  auto* copy = static_cast<char*>(Allocate(length, 1));
+  // Copied while checked, sixteen bytes at a time where they may be read (and written: past the
+  // copy only with room left in the current chunk, which a large copy does not lie in).
+  const std::ptrdiff_t roomBehind = copy + length == next ? end - next : 0;
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes);
+  std::size_t at = 0;
+  unsigned pendingLead = 0; // the last byte looked at is a lead: a continuation must follow
+  bool fits = true;
+#if defined(QORXMLU_HAVE_SSE2)
+  const __m128i topTwo = _mm_set1_epi8(static_cast<char>(0xC0)), continuation = _mm_set1_epi8(static_cast<char>(0x80));
+  while (at < length && (length - at >= 16 || (readAhead && roomBehind >= 16))) {
+    const unsigned n = length - at >= 16 ? 16 : static_cast<unsigned>(length - at);
+    const unsigned inText = n == 16 ? 0xFFFFu : (1u << n) - 1;
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(copy + at), block);
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block)) & inText;
+    if (high != 0 || pendingLead) {
+      // Continuations 80..BF; leads C2..DF, as signed bytes after flipping the top bit 42..5F.
+      const unsigned continuations =
+          static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(block, topTwo), continuation))) &
+          inText;
+      const __m128i flipped = _mm_xor_si128(block, continuation);
+      const unsigned leads = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(
+                                 _mm_cmpgt_epi8(flipped, _mm_set1_epi8(0x41)), _mm_cmplt_epi8(flipped, _mm_set1_epi8(0x60))))) &
+                             inText;
+      if ((high & ~(continuations | leads)) != 0 || continuations != (((leads << 1) | pendingLead) & inText)) {
+        fits = false;
+        break;
+      }
+      pendingLead = leads >> (n - 1) & 1;
+    }
+    at += n;
+  }
+#endif
+  for (; fits && at < length; ++at) {
+    const unsigned byte = in[at];
+    const bool isContinuation = (byte & 0xC0) == 0x80;
+    if (isContinuation != (pendingLead != 0) || (byte >= 0x80 && !isContinuation && (byte < 0xC2 || byte > 0xDF)))
+      fits = false;
+    pendingLead = byte >= 0xC2 && byte <= 0xDF;
+    copy[at] = static_cast<char>(byte);
+  }
+  if (!fits || pendingLead) {
+    if (copy + length == next) next = copy; // the room goes back
+    return false;
+  }
+  kept = {copy, length};
+  return true;
 }
 
 // ---- XMLAttrBlock -------------------------------------------------------------------------
@@ -107,8 +273,8 @@ XMLAttrBlock* XMLAttrBlock::CopyOwned(const XMLAttrBlock& source, std::size_t ca
   try {
     for (std::uint32_t i = 0; i < source.count; ++i) {
       XMLAttrEntry& entry = copy->Append();
-      entry.name.Assign(source.Entries()[i].name.View());
-      entry.value.Assign(source.Entries()[i].value.View());
+      entry.name.AssignCopy(source.Entries()[i].name);
+      entry.value.AssignCopy(source.Entries()[i].value);
     }
   } catch (...) {
     Release(copy);
@@ -133,27 +299,123 @@ void XMLAttrBlock::Release(XMLAttrBlock* block) noexcept {
 
 // ---- TagText ------------------------------------------------------------------------------
 
+std::size_t TwoByteUtf8Units(std::string_view bytes) noexcept {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  std::size_t continuations = 0;
+  std::size_t at = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+  const __m128i topTwo = _mm_set1_epi8(static_cast<char>(0xC0)), continuation = _mm_set1_epi8(static_cast<char>(0x80));
+  for (; at + 16 <= bytes.size(); at += 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
+    continuations += static_cast<std::size_t>(std::popcount(static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_and_si128(block, topTwo), continuation)))));
+  }
+#endif
+  for (; at < bytes.size(); ++at) continuations += (in[at] & 0xC0) == 0x80;
+  return bytes.size() - continuations;
+}
+
+std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units, std::size_t room) noexcept {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  char16_t* out = units;
+  std::size_t i = 0;
+#if defined(QORXMLU_HAVE_SSE2)
+  // Sixteen bytes widened at once while sixteen units fit; a run of ASCII keeps them all, else up
+  // to the first lead, whose pair follows it (the form has no other).
+  while (bytes.size() - i >= 16 && room - static_cast<std::size_t>(out - units) >= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(block, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(block, zero));
+    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+    if (high == 0) {
+      out += 16;
+      i += 16;
+      continue;
+    }
+    const auto ascii = static_cast<std::size_t>(std::countr_zero(high));
+    out += ascii;
+    i += ascii;
+    *out++ = static_cast<char16_t>((in[i] & 0x1F) << 6 | (in[i + 1] & 0x3F));
+    i += 2;
+  }
+#endif
+  for (; i < bytes.size(); ++i) {
+    const unsigned byte = in[i];
+    if (byte < 0x80) {
+      *out++ = static_cast<char16_t>(byte);
+    } else {
+      *out++ = static_cast<char16_t>((byte & 0x1F) << 6 | (in[i + 1] & 0x3F));
+      ++i;
+    }
+  }
+  return static_cast<std::size_t>(out - units);
+}
+
+String TagText::Str() const {
+  if (!IsUtf8()) return String(View());
+  String text;
+  std::u16string& units = text.Std();
+  units.resize(TwoByteUtf8Units(Utf8()));
+  DecodeTwoByteUtf8(Utf8(), units.data(), units.size());
+  return text;
+}
+
+namespace {
+// Whether the bytes (of the two-byte form) decode to the units, without decoding them first.
+bool SameUnits(std::string_view bytes, std::u16string_view units) noexcept {
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  std::size_t i = 0, j = 0;
+  while (i < bytes.size()) {
+    if (j == units.size()) return false;
+    const unsigned byte = in[i];
+    if (byte < 0x80) {
+      if (units[j] != byte) return false;
+      ++i;
+    } else {
+      if (units[j] != ((byte & 0x1F) << 6 | (in[i + 1] & 0x3F))) return false;
+      i += 2;
+    }
+    ++j;
+  }
+  return j == units.size();
+}
+} // namespace
+
+bool TagText::Equals(std::u16string_view text) const noexcept {
+  return IsUtf8() ? SameUnits(Utf8(), text) : View() == text;
+}
+
+bool TagText::Equals(const TagText& other) const {
+  if (IsUtf8() && other.IsUtf8()) return Utf8() == other.Utf8(); // the form's decoding is one to one
+  if (IsUtf8()) return SameUnits(Utf8(), other.View());
+  return other.Equals(View());
+}
+
 void TagText::Assign(std::u16string_view text) {
   char16_t* copy = nullptr;
   if (!text.empty()) {
-    if (text.size() >= ownedBit / sizeof(char16_t)) throw std::bad_alloc();
+    if (text.size() > maxLength) throw std::bad_alloc();
     copy = static_cast<char16_t*>(AllocateOrThrow(text.size() * sizeof(char16_t)));
     std::memcpy(copy, text.data(), text.size() * sizeof(char16_t));
   }
   Release();
-  units = copy;
-  length = copy ? text.size() | ownedBit : 0;
+  data = copy;
+  length = copy ? static_cast<std::uint32_t>(text.size()) | ownedBit : 0;
 }
 
-void TagText::Borrow(std::u16string_view text) noexcept {
-  Release();
-  units = text.data();
-  length = text.size();
+void TagText::AssignCopy(const TagText& other) {
+  if (!other.IsUtf8()) {
+    Assign(other.View());
+    return;
+  }
+  const String units = other.Str();
+  Assign(units.View());
 }
 
 void TagText::Release() noexcept {
-  if (length & ownedBit) std::free(const_cast<char16_t*>(units));
-  units = nullptr;
+  if (length & ownedBit) std::free(const_cast<void*>(data));
+  data = nullptr;
   length = 0;
 }
 

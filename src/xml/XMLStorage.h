@@ -9,52 +9,114 @@
 
 #include <qorxmlu/xml/XMLTag.h>
 
+#include <qorxmlu/foundation/String.h>
+
 #include <atomic>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace QOR::detail {
 
 // One text of a tag (a name, a value, an attribute's name or value): units of its own on the
-// heap, or units borrowed from the storage of the document that holds the tag.
+// heap, or units borrowed from the storage of the document that holds the tag. A read document
+// may keep a text that is all ASCII and two-byte UTF-8 sequences (most European text) as those
+// bytes instead: half the room of its units, no decoding while reading, and a file written with
+// the same bytes. Such a text decodes to exactly one unit per byte that is not a continuation
+// byte, so its length in units is known without decoding it.
+//
+// Twelve bytes, so that a tag and an attribute take less room: a text holds fewer than 2^30 units
+// (a longer one is refused with std::bad_alloc, as if the memory had run out).
+#pragma pack(push, 4)
 class TagText {
 public:
   TagText() noexcept = default;
   TagText(const TagText&) = delete;
   TagText& operator=(const TagText&) = delete;
-  TagText(TagText&& other) noexcept : units(other.units), length(other.length) {
-    other.units = nullptr;
+  TagText(TagText&& other) noexcept : data(other.data), length(other.length) {
+    other.data = nullptr;
     other.length = 0;
   }
   TagText& operator=(TagText&& other) noexcept {
     if (this != &other) {
       Release();
-      units = other.units;
+      data = other.data;
       length = other.length;
-      other.units = nullptr;
+      other.data = nullptr;
       other.length = 0;
     }
     return *this;
   }
   ~TagText() { Release(); }
 
-  std::u16string_view View() const noexcept { return {units, length & ~ownedBit}; }
-  bool IsEmpty() const noexcept { return (length & ~ownedBit) == 0; }
+  // Held as UTF-8 bytes (see above), which Utf8 gives; otherwise View gives the units.
+  bool IsUtf8() const noexcept { return (length & utf8Bit) != 0; }
+  std::string_view Utf8() const noexcept { return {static_cast<const char*>(data), Size()}; }
+  std::u16string_view View() const noexcept {
+    assert(!IsUtf8());
+    return {static_cast<const char16_t*>(data), Size()};
+  }
+  // The text as String, in either form.
+  String Str() const;
+  // Whether the text's units are these, or another text's, in either form.
+  bool Equals(std::u16string_view text) const noexcept;
+  bool Equals(const TagText& other) const;
+  // Calls f with the bytes (std::string_view) or the units (std::u16string_view).
+  template <class F>
+  decltype(auto) Visit(F&& f) const {
+    return IsUtf8() ? f(Utf8()) : f(View());
+  }
+
+  bool IsEmpty() const noexcept { return Size() == 0; }
   bool Owned() const noexcept { return (length & ownedBit) != 0; }
   // Holds a heap copy of text.
   void Assign(std::u16string_view text);
-  // Points at units that outlive this text; nothing is copied.
-  void Borrow(std::u16string_view text) noexcept;
+  // Holds a heap copy of the other text's units.
+  void AssignCopy(const TagText& other);
+  // Points at units (Borrow) or at bytes of the form above (BorrowUtf8) that outlive this text;
+  // nothing is copied.
+  void Borrow(std::u16string_view text) noexcept { // text is at most maxLength long
+    if (Owned()) Release();
+    data = text.data();
+    length = static_cast<std::uint32_t>(text.size());
+  }
+  void BorrowUtf8(std::string_view bytes) noexcept { // of the form above, at most maxLength long
+    if (Owned()) Release();
+    data = bytes.data();
+    length = static_cast<std::uint32_t>(bytes.size()) | utf8Bit;
+  }
+  // Points at what other points at, in its form; other owns nothing.
+  void Share(const TagText& other) noexcept {
+    if (Owned()) Release();
+    data = other.data;
+    length = other.length & ~ownedBit;
+  }
+
+  // The longest text held.
+  static constexpr std::size_t maxLength = 0x3FFFFFFF;
 
 private:
   void Release() noexcept;
+  // Units or bytes, as held.
+  std::size_t Size() const noexcept { return length & maxLength; }
 
-  static constexpr std::size_t ownedBit = std::size_t(1) << (sizeof(std::size_t) * 8 - 1);
-  const char16_t* units = nullptr;
-  std::size_t length = 0; // the top bit marks units of its own
+  static constexpr std::uint32_t ownedBit = 0x80000000u;
+  static constexpr std::uint32_t utf8Bit = 0x40000000u;
+  const void* data = nullptr;
+  std::uint32_t length = 0; // the top bit marks units of its own, the next one UTF-8 bytes
 };
+#pragma pack(pop)
+static_assert(sizeof(TagText) == 12, "a pointer and a 32-bit length");
+
+// The units that bytes of the form a TagText may hold (all ASCII and complete two-byte UTF-8
+// sequences, leads C2..DF) decode to: one per byte that is not a continuation byte.
+std::size_t TwoByteUtf8Units(std::string_view bytes) noexcept;
+// Decodes such bytes into units (as many as TwoByteUtf8Units says) and returns their count; room
+// units may be written at units (at least that count: past it, as scratch).
+std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units, std::size_t room) noexcept;
 
 // The nested tags of one tag, in document order. Never shared. The block is the list's own on the
 // heap, or lent by the document's storage (a read or copied tree), used in place while it has
@@ -110,6 +172,12 @@ public:
   }
   // A copy of text that lives as long as the arena.
   std::u16string_view Keep(std::u16string_view text);
+  // The UTF-8 bytes decoded (see DecodeUtf8Units) into units that live as long as the arena.
+  // readAhead: 16 bytes past the text may be read (and are not decoded).
+  std::u16string_view KeepUtf8(const char* bytes, std::size_t length, bool readAhead = false);
+  // When the bytes are of the form a TagText may hold as bytes, a copy of them in kept, and true.
+  // readAhead: 16 bytes past them may be read.
+  bool KeepTwoByteUtf8(const char* bytes, std::size_t length, bool readAhead, std::string_view& kept);
 
 private:
   struct Chunk;

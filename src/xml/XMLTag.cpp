@@ -42,7 +42,7 @@ XMLTag::~XMLTag() = default;
 void XMLTag::operator delete(XMLTag* tag, std::destroying_delete_t) {
   if (!tag) return;
   XMLNode* node = &Node(*tag);
-  const bool onHeap = !node->inStorage;
+  const bool onHeap = !node->InStorage();
   node->~XMLNode();
   if (onHeap) ::operator delete(node);
 }
@@ -54,7 +54,7 @@ void XMLNode::DestroyNestedTags() noexcept {
   auto takeNested = [](XMLNode& owner, XMLTag* rest) {
     const detail::TagList& nested = owner.nestedTags;
     for (std::size_t i = nested.Size(); i-- > 0;) {
-      Node(*nested[i]).parent = rest;
+      Node(*nested[i]).SetParent(rest);
       rest = nested[i];
     }
     owner.nestedTags.Clear();
@@ -63,7 +63,7 @@ void XMLNode::DestroyNestedTags() noexcept {
   XMLTag* next = takeNested(*this, nullptr);
   while (next) {
     XMLTag* tag = next;
-    next = takeNested(Node(*tag), Node(*tag).parent);
+    next = takeNested(Node(*tag), Node(*tag).Parent());
     delete tag;
   }
 }
@@ -108,8 +108,8 @@ XMLTag* XMLNode::CopyTag(const XMLTag& sourceTag, XMLTag* owner, detail::XMLAren
     std::unique_ptr<XMLTag> made(borrow ? detail::XMLTagAccess::MakeIn(*tags, to) : new XMLNode(to));
     XMLNode* tag = &Node(*made);
     auto copyText = [borrow](const detail::TagText& text, detail::TagText& into) {
-      if (borrow && !text.Owned()) into.Borrow(text.View());
-      else into.Assign(text.View());
+      if (borrow && !text.Owned()) into.Share(text);
+      else into.AssignCopy(text);
     };
     copyText(from.name, tag->name);
     copyText(from.value, tag->value);
@@ -144,8 +144,8 @@ XMLTag* XMLNode::CopyTag(const XMLTag& sourceTag, XMLTag* owner, detail::XMLAren
         continue;
       }
       if (to == root) break;
-      from = &Node(*from->parent);
-      to = &Node(*to->parent);
+      from = &Node(*from->Parent());
+      to = &Node(*to->Parent());
     }
   } catch (...) {
     delete root;
@@ -156,8 +156,8 @@ XMLTag* XMLNode::CopyTag(const XMLTag& sourceTag, XMLTag* owner, detail::XMLAren
 
 // ---- The public operations: each works on the node behind the tag. --------------------------
 
-String XMLTag::GetName() const { return String(Node(*this).name.View()); }
-String XMLTag::GetValue() const { return String(Node(*this).value.View()); }
+String XMLTag::GetName() const { return Node(*this).name.Str(); }
+String XMLTag::GetValue() const { return Node(*this).value.Str(); }
 String XMLTag::GetComment() const { return Node(*this).comment ? *Node(*this).comment : String(); }
 
 std::size_t XMLTag::NoOfNestedTags() const { return Node(*this).nestedTags.Size(); }
@@ -182,11 +182,11 @@ std::size_t XMLTag::NoOfAttributes() const {
 }
 
 String XMLTag::GetAttrName(std::size_t index) const {
-  return index < NoOfAttributes() ? String(Node(*this).attributes->Entries()[index].name.View()) : String();
+  return index < NoOfAttributes() ? Node(*this).attributes->Entries()[index].name.Str() : String();
 }
 
 String XMLTag::GetAttrVal(std::size_t index) const {
-  return index < NoOfAttributes() ? String(Node(*this).attributes->Entries()[index].value.View()) : String();
+  return index < NoOfAttributes() ? Node(*this).attributes->Entries()[index].value.Str() : String();
 }
 
 XMLTag* XMLTag::AddAttr(String attrName, String attrValue) {
@@ -223,7 +223,7 @@ void XMLTag::operator>>(unsigned int& number) const { GetValue() >> number; }
 void XMLTag::operator>>(long& number) const { GetValue() >> number; }
 void XMLTag::operator>>(double& number) const { GetValue() >> number; }
 void XMLTag::operator>>(String& text) const { text = GetValue(); }
-void XMLTag::operator>>(bool& flag) const { flag = Node(*this).value.View() == u"yes"; }
+void XMLTag::operator>>(bool& flag) const { flag = Node(*this).value.Equals(u"yes"); }
 
 namespace {
 
@@ -297,18 +297,18 @@ XMLTag* FindFirst(const XMLTag& owner, std::size_t* index, Hit isHit) {
 } // namespace
 
 XMLTag* XMLTag::FindNestedTag(String tagName, std::size_t* index) const {
-  return FindFirst(*this, index, [&](const XMLNode& tag) { return tag.name.View() == tagName.View(); });
+  return FindFirst(*this, index, [&](const XMLNode& tag) { return tag.name.Equals(tagName.View()); });
 }
 
 XMLTag* XMLTag::FindNestedTagOnValue(String tagValue, std::size_t* index) const {
-  return FindFirst(*this, index, [&](const XMLNode& tag) { return tag.value.View() == tagValue.View(); });
+  return FindFirst(*this, index, [&](const XMLNode& tag) { return tag.value.Equals(tagValue.View()); });
 }
 
 XMLTag* XMLTag::FindNestedTagOnAttrValue(String attrValue, int attrIndex, std::size_t* index) const {
   return FindFirst(*this, index, [&](const XMLNode& tag) {
     // A tag without that attribute position is no hit.
     return attrIndex >= 0 && static_cast<std::size_t>(attrIndex) < tag.NoOfAttributes() &&
-           tag.attributes->Entries()[attrIndex].value.View() == attrValue.View();
+           tag.attributes->Entries()[attrIndex].value.Equals(attrValue.View());
   });
 }
 
@@ -358,8 +358,8 @@ void XMLTag::ReplaceNestedTag(std::size_t from, std::size_t to) {
 
 void XMLTag::Remove() {
   XMLNode& self = Node(*this);
-  if (self.parent) {
-    detail::TagList& siblings = Node(*self.parent).nestedTags;
+  if (self.Parent()) {
+    detail::TagList& siblings = Node(*self.Parent()).nestedTags;
     for (std::size_t i = 0; i < siblings.Size(); ++i) {
       if (siblings[i] == this) {
         siblings.Remove(i);

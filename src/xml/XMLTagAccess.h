@@ -6,13 +6,15 @@
 
 #include "xml/XMLStorage.h"
 
+#include <cstdint>
 #include <string_view>
 
 namespace QOR::detail {
 
 // What a tag holds. Every XMLTag is an XMLNode, made only here; the public class holds nothing.
 struct XMLNode final : XMLTag {
-  explicit XMLNode(XMLTag* owner) noexcept : parent(owner) {}
+  explicit XMLNode(XMLTag* owner, bool inStorage = false) noexcept
+      : parentAndPlace(reinterpret_cast<std::uintptr_t>(owner) | (inStorage ? 1 : 0)) {}
   ~XMLNode() {
     DestroyNestedTags();
     DropAttributes();
@@ -34,14 +36,22 @@ struct XMLNode final : XMLTag {
   // the copy borrows nothing and shares only attribute lists that own their texts.
   static XMLTag* CopyTag(const XMLTag& source, XMLTag* owner, XMLArena* tags);
 
-  XMLTag* parent;
+  XMLTag* Parent() const noexcept { return reinterpret_cast<XMLTag*>(parentAndPlace & ~std::uintptr_t(1)); }
+  void SetParent(XMLTag* owner) noexcept {
+    parentAndPlace = reinterpret_cast<std::uintptr_t>(owner) | (parentAndPlace & 1);
+  }
+  // Made in the document's storage, not on the heap.
+  bool InStorage() const noexcept { return (parentAndPlace & 1) != 0; }
+
+  std::uintptr_t parentAndPlace; // the parent tag, and in the lowest bit InStorage
   TagText name;
   TagText value;
   std::unique_ptr<String> comment;    // few tags have one: held apart, null for none
   XMLAttrBlock* attributes = nullptr; // shared copy-on-write; null for none
   TagList nestedTags;
-  bool inStorage = false; // made in the document's storage, not on the heap
 };
+static_assert(alignof(XMLNode) >= 2, "the lowest bit of a tag's address is free");
+static_assert(sizeof(void*) != 8 || sizeof(XMLNode) == 64, "a tag takes 64 bytes");
 
 inline XMLNode& Node(XMLTag& tag) noexcept { return static_cast<XMLNode&>(tag); }
 inline const XMLNode& Node(const XMLTag& tag) noexcept { return static_cast<const XMLNode&>(tag); }
@@ -59,9 +69,7 @@ public:
   }
   // An empty tag in the arena; delete destroys it without freeing its room.
   static XMLTag* MakeIn(XMLArena& tags, XMLTag* parent) {
-    auto* tag = new (tags.Allocate(sizeof(XMLNode))) XMLNode(parent);
-    tag->inStorage = true;
-    return tag;
+    return new (tags.Allocate(sizeof(XMLNode))) XMLNode(parent, true);
   }
   // A copy of source's whole tree under a new top tag of its own. The nested tags go into tags,
   // and share texts and attribute lists with source; so the copy must hold the text arena that
@@ -70,7 +78,7 @@ public:
   // A copy of source under parent that borrows nothing.
   static XMLTag* Copy(const XMLTag& source, XMLTag* parent) { return XMLNode::CopyTag(source, parent, nullptr); }
 
-  static XMLTag* Parent(const XMLTag& tag) { return Node(tag).parent; }
+  static XMLTag* Parent(const XMLTag& tag) { return Node(tag).Parent(); }
   static const TagText& Name(const XMLTag& tag) { return Node(tag).name; }
   static const TagText& Value(const XMLTag& tag) { return Node(tag).value; }
   static std::u16string_view Comment(const XMLTag& tag) {

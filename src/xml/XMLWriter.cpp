@@ -2,12 +2,21 @@
 // every name, value and comment goes out as it stands.
 //
 // The walk is written once for any output: a counter that sizes the text first, so that the
-// String is allocated once, and the String itself. A file is written in blocks as the text grows,
-// so neither the whole text nor its encoded bytes are ever held at once.
+// String is allocated once, and the String's units themselves. A file gets UTF-8 encoded straight
+// from the tree into one buffer, written whenever a block has gathered, so neither the whole text
+// nor its encoded bytes are ever held at once.
 #include <qorxmlu/xml/XML.h>
 
 #include "xml/XMLTagAccess.h"
 
+#include <qorxmlu/foundation/Encoding.h>
+
+#include "foundation/Simd.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -33,31 +42,97 @@ const String& LineEnd() {
   return lineEnd;
 }
 
-// Appends to a String.
-class TextOutput {
+// Writes into units sized for the text beforehand (by LengthCount over the same walk), with room
+// for slack units past the end, which the decoding of bytes may write over.
+class UnitOutput {
 public:
-  explicit TextOutput(String& text) : text(text.Std()) {}
-  void Put(View part) { text.append(part); }
-  void Put(char16_t unit) { text.push_back(unit); }
-  void Indent(std::size_t level) { text.append(level, u'\t'); }
-  void EndLine() { text.append(LineEnd().View()); }
-  std::u16string& Text() { return text; }
+  static constexpr std::size_t slack = 16;
+  explicit UnitOutput(char16_t* units) : at(units) {}
+  void Put(View part) {
+    if (part.size() <= 16) {
+      for (char16_t unit : part) *at++ = unit;
+    } else {
+      std::memcpy(at, part.data(), part.size() * sizeof(char16_t));
+      at += part.size();
+    }
+  }
+  void Put(char16_t unit) { *at++ = unit; }
+  // Bytes of a text held as ASCII and two-byte UTF-8 sequences; the slack takes what decoding
+  // writes past them.
+  void Put(std::string_view bytes) { at += detail::DecodeTwoByteUtf8(bytes, at, bytes.size() + slack); }
+  void Indent(std::size_t level) {
+    for (std::size_t i = 0; i < level; ++i) *at++ = u'\t';
+  }
+  void EndLine() { Put(lineEnd); }
+  const char16_t* End() const { return at; }
 
 private:
-  std::u16string& text;
+  char16_t* at;
+  const View lineEnd = LineEnd().View();
 };
 
-// Counts what a TextOutput would append.
+// Encodes to UTF-8 into a buffer of bytes, as FlushFile would encode the same text: every piece
+// stands between ASCII characters, so no surrogate pair is ever split between two pieces.
+class Utf8Output {
+public:
+  explicit Utf8Output(std::size_t room) { Grow(room); }
+  void Put(View part) {
+    Reserve(part.size() * 3);
+    std::size_t i = 0;
+    // Names and values are short and mostly ASCII: no call for those.
+    while (i < part.size() && part[i] < 0x80) bytes[used++] = static_cast<char>(part[i++]);
+    if (i < part.size()) used += EncodeUtf8Units(part.data() + i, part.size() - i, bytes.get() + used);
+  }
+  void Put(char16_t unit) { Put(View(&unit, 1)); }
+  // Bytes of a text held as ASCII and two-byte UTF-8 sequences: already what is written.
+  void Put(std::string_view part) {
+    if (part.empty()) return;
+    Reserve(part.size());
+    std::memcpy(bytes.get() + used, part.data(), part.size());
+    used += part.size();
+  }
+  void Indent(std::size_t level) {
+    Reserve(level);
+    std::memset(bytes.get() + used, '\t', level);
+    used += level;
+  }
+  void EndLine() { Put(lineEnd); }
+
+  const char* Bytes() const { return bytes.get(); }
+  std::size_t Size() const { return used; }
+  void Clear() { used = 0; }
+
+private:
+  void Reserve(std::size_t more) {
+    if (capacity - used < more) Grow(std::max(2 * capacity, used + more));
+  }
+  void Grow(std::size_t size) {
+    std::unique_ptr<char[]> bigger(new char[size]);
+    if (used) std::memcpy(bigger.get(), bytes.get(), used);
+    bytes = std::move(bigger);
+    capacity = size;
+  }
+
+  std::unique_ptr<char[]> bytes;
+  std::size_t used = 0;
+  std::size_t capacity = 0;
+  const View lineEnd = LineEnd().View();
+};
+
+// Counts the units a UnitOutput would write, or more: for bytes kept as UTF-8 it counts the bytes,
+// which is quicker than counting the units they decode to.
 class LengthCount {
 public:
   void Put(View part) { length += part.size(); }
   void Put(char16_t) { ++length; }
+  void Put(std::string_view bytes) { length += bytes.size(); }
   void Indent(std::size_t level) { length += level; }
-  void EndLine() { length += LineEnd().Len(); }
+  void EndLine() { length += lineEnd; }
   std::size_t Length() const { return length; }
 
 private:
   std::size_t length = 0;
+  const std::size_t lineEnd = LineEnd().Len();
 };
 
 template <class Output>
@@ -69,18 +144,27 @@ void PutCommentLine(Output& out, const XMLTag& tag, std::size_t level) {
   out.EndLine();
 }
 
-// The value with every CR LF, then every remaining LF, replaced by the marker; a lone CR stays.
+// A tag's text in the form it is held.
 template <class Output>
-void PutMarkedValue(Output& out, View value) {
-  std::size_t from = 0;
-  for (std::size_t i = 0; i < value.size(); ++i) {
-    if (value[i] != u'\n') continue;
-    const bool pair = i > from && value[i - 1] == u'\r';
-    out.Put(value.substr(from, i - from - (pair ? 1 : 0)));
-    out.Put(crlfMarker);
-    from = i + 1;
-  }
-  out.Put(value.substr(from));
+void PutText(Output& out, const detail::TagText& text) {
+  text.Visit([&](auto part) { out.Put(part); });
+}
+
+// The value with every CR LF, then every remaining LF, replaced by the marker; a lone CR stays.
+// (In bytes of UTF-8 the line ends stand as they do in the units.)
+template <class Output>
+void PutMarkedValue(Output& out, const detail::TagText& text) {
+  text.Visit([&](auto value) {
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+      if (value[i] != '\n') continue;
+      const bool pair = i > from && value[i - 1] == '\r';
+      out.Put(value.substr(from, i - from - (pair ? 1 : 0)));
+      out.Put(crlfMarker);
+      from = i + 1;
+    }
+    out.Put(value.substr(from));
+  });
 }
 
 // Writes a tag's start line, or the whole tag if it has no nested tags. True when nested tags and
@@ -91,25 +175,25 @@ bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
     out.Put(prolog);
     out.EndLine();
   }
-  const View name = XMLTagAccess::Name(tag).View();
-  const View value = XMLTagAccess::Value(tag).View();
+  const detail::TagText& name = XMLTagAccess::Name(tag);
+  const detail::TagText& value = XMLTagAccess::Value(tag);
   const bool hasComment = !XMLTagAccess::Comment(tag).empty();
   const bool hasNested = XMLTagAccess::NestedTags(tag).Size() != 0;
 
   out.Indent(level);
   out.Put(u'<');
-  out.Put(name);
+  PutText(out, name);
   if (const detail::XMLAttrBlock* attributes = XMLTagAccess::Attributes(tag)) {
     for (std::uint32_t i = 0; i < attributes->count; ++i) {
       const detail::XMLAttrEntry& attr = attributes->Entries()[i];
       out.Put(u' ');
-      out.Put(attr.name.View());
+      PutText(out, attr.name);
       out.Put(u"=\"");
-      out.Put(attr.value.View());
+      PutText(out, attr.value);
       out.Put(u'"');
     }
   }
-  if (value.empty() && !hasNested) {
+  if (value.IsEmpty() && !hasNested) {
     // The blank lets the reader end the name there; a comment has no place in this form.
     out.Put(u" />");
     out.EndLine();
@@ -117,9 +201,9 @@ bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
   }
   out.Put(u'>');
   if (!hasNested) {
-    out.Put(value);
+    PutText(out, value);
     out.Put(u"</");
-    out.Put(name);
+    PutText(out, name);
     out.Put(u'>');
     out.EndLine();
     if (hasComment) PutCommentLine(out, tag, level);
@@ -127,7 +211,7 @@ bool PutOpening(Output& out, const XMLTag& tag, std::size_t level) {
   }
   out.EndLine();
   if (hasComment) PutCommentLine(out, tag, level);
-  if (!value.empty()) {
+  if (!value.IsEmpty()) {
     PutMarkedValue(out, value);
     out.EndLine();
   }
@@ -138,7 +222,7 @@ template <class Output>
 void PutClosing(Output& out, const XMLTag& tag, std::size_t level) {
   out.Indent(level);
   out.Put(u"</");
-  out.Put(XMLTagAccess::Name(tag).View());
+  PutText(out, XMLTagAccess::Name(tag));
   out.Put(u'>');
   out.EndLine();
 }
@@ -174,11 +258,14 @@ std::size_t TextLength(const XMLTag& top) {
   return count.Length();
 }
 
-// Appends the tree's text to a String sized for it beforehand.
+// Appends the tree's text to a String sized for it beforehand (at most a few units more).
 void AppendTree(String& text, const XMLTag& top) {
-  text.Reserve(text.Len() + TextLength(top));
-  TextOutput out(text);
+  std::u16string& units = text.Std();
+  const std::size_t before = units.size();
+  units.resize(before + TextLength(top) + UnitOutput::slack);
+  UnitOutput out(units.data() + before);
   PutTree(out, top, [] { return true; });
+  units.resize(static_cast<std::size_t>(out.End() - units.data()));
 }
 
 } // namespace
@@ -211,15 +298,18 @@ ErrorInfo* XML::Write(String path) const {
   if (!topTag) {
     Write(file);
   } else {
-    // Flushed whenever a block has gathered; the first failure ends the writing.
+    // Encoded straight from the tree and written whenever a block has gathered, as FlushFile
+    // writes UTF-8 (no mark); the first failure ends the writing.
     constexpr std::size_t block = 1 << 20;
-    file.text.Reserve(block + 4096);
-    TextOutput out(file.text);
-    PutTree(out, *topTag, [&] {
-      if (file.text.Len() < block) return true;
-      flushError = file.FlushFile(false, BaseFile::UTF8);
+    Utf8Output out(block + 4096);
+    auto write = [&] {
+      flushError = file.Write(out.Bytes(), out.Size());
+      if (!flushError) flushError = file.Flush(false);
+      out.Clear();
       return flushError == nullptr;
-    });
+    };
+    PutTree(out, *topTag, [&] { return out.Size() < block || write(); });
+    if (!flushError && out.Size() > 0) write();
   }
   if (!flushError) flushError = file.FlushFile(false, BaseFile::UTF8);
   return SafeConcat(flushError, file.Close());

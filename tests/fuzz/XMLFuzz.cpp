@@ -1,9 +1,10 @@
 // libFuzzer target for the XML reader: arbitrary bytes as text and as a file.
 //
 // Beyond "no crash, no leak, no hang", it checks that a read from a file and a read from the same
-// text agree (for input without a byte order mark, which only the file reader looks at), and
-// that whatever a read leaves behind can be written, copied and checked, and reads back unchanged
-// exactly when the round-trip check passes it.
+// text agree (for input without a byte order mark, which only the file reader looks at), that a
+// file written from the tree holds the UTF-8 of its text, and that whatever a read leaves behind
+// can be written, copied and checked, and reads back unchanged exactly when the round-trip check
+// passes it.
 #include <qorxmlu/xml/XML.h>
 
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -82,6 +84,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   XML fromFile(u"old", u"value", u"k", u"v");
   const Outcome fileOutcome = Settle(fromFile, fromFile.ReadFile(String(TempFile().u16string())));
+  // A tree read from a file may keep texts as the file's bytes: written back, they are still the
+  // UTF-8 of the document's text.
+  if (ErrorPtr(fromFile.Write(String(TempFile().u16string())))) std::abort();
+  {
+    std::ifstream in(TempFile(), std::ios::binary);
+    const std::string written((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (written != fileOutcome.text.ToUtf8()) std::abort();
+  }
 
   if (!HasByteOrderMark(bytes) &&
       (textOutcome.error != fileOutcome.error || !(textOutcome.text == fileOutcome.text))) {

@@ -33,6 +33,11 @@ void Check(const Case& c) {
   XML doc;
   EXPECT_EQ(Outcome(doc.ReadText(text)), c.error);
   EXPECT_EQ(Picture(doc), c.tree);
+  // A file is read from its bytes, apart from the text's units.
+  static const test::TempDir dir;
+  XML fromFile;
+  EXPECT_EQ(Outcome(fromFile.ReadFile(dir.Write("case.xml", text.ToUtf8()))), c.error);
+  EXPECT_EQ(Picture(fromFile), c.tree);
 }
 
 TEST(XMLReaderTest, StartLinesAndAttributes) {
@@ -167,7 +172,48 @@ TEST_F(XMLFileTest, AFileReadsAsItsText) {
         bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0))));
     EXPECT_EQ(fileOutcome, textOutcome) << bytes;
     EXPECT_EQ(Picture(fromFile), Picture(fromText)) << bytes;
+    // Texts kept as the file's bytes go out as the UTF-8 of the text.
+    EXPECT_EQ(Outcome(fromFile.Write(dir.File("back.xml"))), "");
+    EXPECT_EQ(dir.Read("back.xml"), fromFile.GetText().ToUtf8()) << bytes;
   }
+  // Behind a UTF-16 mark, little or big endian, the file layer decodes the lines.
+  const std::u16string text = u"<?xml version=\"1.0\"?>\r\n<a k=\"\u0416\">\n\n<!-- c -->\r\n\t<b>x\U0001F600</b>\n</a>";
+  for (const bool bigEndian : {false, true}) {
+    std::string bytes = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
+    for (const char16_t unit : text) {
+      const char low = static_cast<char>(unit & 0xFF), high = static_cast<char>(unit >> 8);
+      bytes += bigEndian ? high : low;
+      bytes += bigEndian ? low : high;
+    }
+    XML fromFile;
+    EXPECT_EQ(Outcome(fromFile.ReadFile(dir.Write("doc16.xml", bytes))), "");
+    EXPECT_EQ(Picture(fromFile), "a(k=\u0416){b[x\U0001F600]}") << bigEndian;
+  }
+}
+
+TEST_F(XMLFileTest, TextsKeptAsTheFilesBytesAnswerAsUnits) {
+  XML doc;
+  ASSERT_EQ(Outcome(doc.ReadFile(dir.Write("doc.xml", "<?xml version=\"1.0\"?>\n<a>\n<b k=\"Größe\">Grüße and ASCII beyond sixteen</b>\n"
+                                                                 "<c k=\"Grüß\">yes</c>\n<d k=\"\xE2\x82\xAC\">\xFF</d>\n</a>\n"))),
+            "");
+  const XMLTag* top = doc.TopTag();
+  std::size_t index = 9;
+  EXPECT_EQ(top->FindNestedTagOnValue(u"Grüße and ASCII beyond sixteen", &index), top->GetNestedTag(0));
+  EXPECT_EQ(top->FindNestedTagOnValue(u"Grüß"), nullptr);
+  EXPECT_EQ(top->FindNestedTagOnAttrValue(u"Grüß", 0, &index), top->GetNestedTag(1));
+  EXPECT_EQ(index, 1u);
+  EXPECT_EQ(top->FindNestedTagOnAttrValue(u"\u20AC", 0), top->GetNestedTag(2));
+  bool flag = false;
+  *top->GetNestedTag(1) >> flag;
+  EXPECT_TRUE(flag);
+  EXPECT_EQ(top->GetNestedTag(0)->GetAttrVal(0), String(u"Größe"));
+  EXPECT_EQ(top->GetNestedTag(2)->GetValue(), String(u"\uFFFD"));
+  // A copy shares them; a change of one tag's value is that tag's alone.
+  XML copy(doc);
+  copy.TopTag()->GetNestedTag(0)->SetValue(u"neu");
+  EXPECT_EQ(Picture(copy), "a{b(k=Größe)[neu] c(k=Grüß)[yes] d(k=\u20AC)[\uFFFD]}");
+  EXPECT_EQ(Picture(doc), "a{b(k=Größe)[Grüße and ASCII beyond sixteen] c(k=Grüß)[yes] d(k=\u20AC)[\uFFFD]}");
+  EXPECT_EQ(doc.FindUnwritableTag(), nullptr);
 }
 
 TEST_F(XMLFileTest, AMissingFileLeavesTheDocumentCleared) {

@@ -58,7 +58,7 @@ TEST(XMLWriterTest, WritesWhatTheTreeHoldsUnchecked) {
 
 TEST(XMLWriterTest, WriteAppendsToTheFileBufferAndWritesUtf8) {
   test::TempDir dir;
-  XML doc(u"Grüße", u"Straße 😀");
+  XML doc(u"Grüße", u"Straße 😀", u"lone", u"\xD83D|\xDE00"); // unpaired surrogates go out as U+FFFD
   FormatableTextFile file(dir.File("buffer.xml"));
   file.text = u"before|";
   doc.Write(file);
