@@ -48,6 +48,11 @@ std::uint64_t FilePosition(FileHandle* file);
 // from a file: where the system has large pages, it is asked to back the block with them, which
 // saves most of the page faults of the fill. Only a hint; small blocks are left alone.
 void AdviseFreshBlock(void* block, std::size_t size);
+// A large block that will be filled whole, with its pages made present in one call rather than one
+// fault each where the system can (not under AddressSanitizer, which watches only heap blocks).
+// Throws std::bad_alloc; FreeFilledBlock takes it back with the same size.
+void* AllocateFilledBlock(std::size_t size);
+void FreeFilledBlock(void* block, std::size_t size) noexcept;
 
 // The system's 8-bit code page for code page 0: 65001 on Linux, the ANSI code page on Windows.
 unsigned SystemCodePage();

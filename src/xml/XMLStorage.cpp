@@ -4,6 +4,7 @@
 #include <qorxmlu/foundation/Encoding.h>
 
 #include "foundation/Simd.h"
+#include "platform/Platform.h"
 
 #include <algorithm>
 #include <bit>
@@ -13,9 +14,6 @@
 #include <limits>
 #include <new>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
 
 namespace QOR::detail {
 
@@ -32,43 +30,15 @@ void* AllocateOrThrow(std::size_t bytes) {
   return room;
 }
 
-// A chunk of an arena. A large chunk is filled whole, so on Linux it is mapped with its pages
-// made present in one call rather than one fault each (not under AddressSanitizer, which watches
-// only the heap's blocks).
-#if defined(__SANITIZE_ADDRESS__)
-#define QORXMLU_MAP_CHUNKS 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QORXMLU_MAP_CHUNKS 0
-#endif
-#endif
-#if !defined(QORXMLU_MAP_CHUNKS) && defined(__linux__) && defined(MAP_POPULATE)
-#define QORXMLU_MAP_CHUNKS 1
-#endif
-
-#if QORXMLU_MAP_CHUNKS
-constexpr std::size_t mappedChunkSize = 1024 * 1024;
-#endif
+// A large chunk of an arena is filled whole: the system makes its pages present at once.
+constexpr std::size_t filledChunkSize = 1024 * 1024;
 
 void* AllocateChunk(std::size_t bytes) {
-#if QORXMLU_MAP_CHUNKS
-  if (bytes >= mappedChunkSize) {
-    void* room = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
-    if (room == MAP_FAILED) throw std::bad_alloc();
-    return room;
-  }
-#endif
-  return AllocateOrThrow(bytes);
+  return bytes >= filledChunkSize ? platform::AllocateFilledBlock(bytes) : AllocateOrThrow(bytes);
 }
 
 void FreeChunk(void* chunk, std::size_t bytes) noexcept {
-#if QORXMLU_MAP_CHUNKS
-  if (bytes >= mappedChunkSize) {
-    munmap(chunk, bytes);
-    return;
-  }
-#endif
-  (void)bytes;
+  if (bytes >= filledChunkSize) return platform::FreeFilledBlock(chunk, bytes);
   std::free(chunk);
 }
 

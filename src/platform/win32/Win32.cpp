@@ -4,6 +4,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <new>
 #include <iterator>
 
 namespace QOR::platform {
@@ -38,6 +40,14 @@ String WinInetModuleName() { return String(u"wininet.dll"); }
 
 // Large pages need a privilege that applications seldom hold: nothing to ask for here.
 void AdviseFreshBlock(void*, std::size_t) {}
+
+void* AllocateFilledBlock(std::size_t size) {
+  void* block = std::malloc(size);
+  if (!block) throw std::bad_alloc();
+  return block;
+}
+
+void FreeFilledBlock(void* block, std::size_t) noexcept { std::free(block); }
 
 DWORD GetLastError() { return ::GetLastError(); }
 void SetLastError(DWORD code) { ::SetLastError(code); }
