@@ -3,7 +3,10 @@
 #include "RequestHandle.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -339,6 +342,12 @@ int Session::Watched(curl_socket_t socket, uint32_t events, bool established) {
   watch.established = established;
   watch.duplicate = fcntl(socket, F_DUPFD_CLOEXEC, 0); // libcurl's socket is open in this call
   if (watch.duplicate < 0) return -1;
+  sockaddr_storage local{};
+  socklen_t size = sizeof local;
+  if (getsockname(watch.duplicate, reinterpret_cast<sockaddr*>(&local), &size) == 0) {
+    if (local.ss_family == AF_INET) watch.localPort = ntohs(reinterpret_cast<sockaddr_in*>(&local)->sin_port);
+    if (local.ss_family == AF_INET6) watch.localPort = ntohs(reinterpret_cast<sockaddr_in6*>(&local)->sin6_port);
+  }
   if (epoll_ctl(epollFd, EPOLL_CTL_ADD, watch.duplicate, &event) != 0) {
     close(watch.duplicate);
     return -1;
@@ -379,7 +388,31 @@ void Session::Park(Watchers::iterator watched) {
 
 void Session::ConnectionReady(CURL* easy) { readyEasies.insert(easy); }
 
+// Through the duplicate, which is ours: libcurl's number may belong to another file by the time
+// of an uncork.
+curl_socket_t Session::Cork(int localPort) {
+  if (localPort <= 0) return CURL_SOCKET_BAD;
+  for (auto& watched : watchers) {
+    Watch& watch = watched.second;
+    if (watch.localPort != localPort) continue;
+    int on = 1;
+    if (setsockopt(watch.duplicate, IPPROTO_TCP, TCP_CORK, &on, sizeof on) != 0) return CURL_SOCKET_BAD;
+    watch.corked = true;
+    return watched.first;
+  }
+  return CURL_SOCKET_BAD;
+}
+
+void Session::Uncork(curl_socket_t socket) {
+  auto watched = watchers.find(socket);
+  if (watched == watchers.end() || !watched->second.corked) return;
+  int off = 0;
+  setsockopt(watched->second.duplicate, IPPROTO_TCP, TCP_CORK, &off, sizeof off);
+  watched->second.corked = false;
+}
+
 void Session::StopWatching(Watchers::iterator watched) {
+  Uncork(watched->first);
   epoll_ctl(epollFd, EPOLL_CTL_DEL, watched->second.duplicate, nullptr);
   close(watched->second.duplicate);
   watchers.erase(watched);
