@@ -21,20 +21,23 @@ namespace QOR {
 
 namespace {
 
-// A completion usually follows its call within microseconds, on WinInet's thread: the wait
-// watches for it that long before it sleeps.
+// A completion that needs only WinInet's own thread (a send of the headers on a standing
+// connection) follows its call within microseconds: the wait watches for it that long before
+// it sleeps. A step that waits for the server (the reply, a full socket) sleeps at once: the
+// watch would only burn the time the server takes.
 constexpr std::chrono::microseconds completionWatch(50);
 
 // How long a step that ran out of time still waits for the watchdog's cancel.
 constexpr DWORD watchdogTieGrace = 25;
 
-int WaitForCompletion(SVArray<Event*, Event*>& events, int milliseconds) {
-  return detail::WaitOnEventsWatching(events, milliseconds, completionWatch);
+int WaitForCompletion(SVArray<Event*, Event*>& events, int milliseconds, bool quick) {
+  return detail::WaitOnEventsWatching(events, milliseconds,
+                                      quick ? completionWatch : std::chrono::microseconds(0));
 }
 
 } // namespace
 
-int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds) = &WaitForCompletion;
+int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds, bool quick) = &WaitForCompletion;
 
 namespace {
 
@@ -330,20 +333,21 @@ HttpClientImp::~HttpClientImp() {
 
 DWORD_PTR HttpClientImp::Context() const noexcept { return reinterpret_cast<DWORD_PTR>(target); }
 
-int HttpClientImp::WaitFor(Event& event, DWORD milliseconds) {
+int HttpClientImp::WaitFor(Event& event, DWORD milliseconds, bool quick) {
   SVArray<Event*, Event*> events;
   events.SetCapacityIncrease(1);
   events.Add(&event);
-  return engineWait(events, WaitTime(milliseconds));
+  return engineWait(events, WaitTime(milliseconds), quick);
 }
 
 ErrorInfo* HttpClientImp::AwaitCompletion(Step step, ::DWORD code, bool examineAfterFailedWait, bool* stillPending) {
   const StepWords& words = stepWords[static_cast<int>(step)];
   if (code != errorIoPending) return MakeInternetError(words.immediate, code);
-  int result = WaitFor(target->completedEvent, owner->requestTimeout);
+  bool quick = step == Step::Connect || step == Step::OpenRequest || step == Step::SendRequestHeaders;
+  int result = WaitFor(target->completedEvent, owner->requestTimeout, quick);
   // The request's watchdog is due no later than this wait: let it win a tie, so that a request
   // too slow in all ends by its cancel, which completes the call.
-  if (result == -1) result = WaitFor(target->completedEvent, watchdogTieGrace);
+  if (result == -1) result = WaitFor(target->completedEvent, watchdogTieGrace, false);
   ErrorInfo* error = nullptr;
   if (result == -1 || result == -2) {
     if (stillPending) *stillPending = true;
@@ -398,7 +402,7 @@ ErrorInfo* HttpClientImp::Connect() {
   events.SetCapacityIncrease(2);
   events.Add(&target->connectedEvent);
   events.Add(&target->completedEvent);
-  int result = engineWait(events, WaitTime(owner->connectTimeout));
+  int result = engineWait(events, WaitTime(owner->connectTimeout), true);
   httpHandle = target->createdHandle.load();
   target->Adopt(httpHandle);
   if (result == -1 || result == -2) target->Pin();
@@ -429,7 +433,7 @@ ErrorInfo* HttpClientImp::CloseInternetHandle(HINTERNET& handle, const char16_t*
     // A handle that WinInet no longer knows still gets the wait for its notification.
     if (code != errorInvalidHandle) return MakeInternetError(String(u"Error closing ") + name, code);
   }
-  if (WaitFor(target->closedEvent, owner->connectTimeout) == -1)
+  if (WaitFor(target->closedEvent, owner->connectTimeout, true) == -1)
     return MakeError(String(u"Timed out trying to close ") + name);
   handle = nullptr;
   if (::DWORD failure = target->asyncError.load()) return MakeInternetError(String(u"Error closing ") + name, failure);

@@ -41,9 +41,10 @@
 
 namespace QOR {
 
-// The wait that the engine blocks in: WaitOnEvents, watching briefly before it sleeps. Tests put
-// a failing wait in its place.
-extern int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds);
+// The wait that the engine blocks in: WaitOnEvents, watching briefly before it sleeps when the
+// signal is `quick` to come (from WinInet's thread alone, not from the server). Tests put a
+// failing wait in its place.
+extern int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds, bool quick);
 
 class HttpClientImp final : public HttpClientImpInterface {
 public:
@@ -87,7 +88,7 @@ private:
   ErrorInfo* AwaitCompletion(Step step, ::DWORD code, bool examineAfterFailedWait = false,
                              bool* stillPending = nullptr);
   ErrorInfo* FailConnect(ErrorInfo* error);
-  int WaitFor(Event& event, DWORD milliseconds);
+  int WaitFor(Event& event, DWORD milliseconds, bool quick);
   // The record of the current request; a fresh one if there is none.
   RequestBlocks& Blocks();
   void RenewBlocks();
