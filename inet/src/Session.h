@@ -110,10 +110,10 @@ public:
   // libcurl is about to send the easy handle's request on a connection that stands (new or
   // reused, PREREQFUNCTION): the socket it then watches for reading may outlast the transfer.
   void ConnectionReady(CURL* easy);
-  // Holds back what is sent on the watched connection with this local port until Uncork, so
-  // that a request's head leaves in one packet with the start of its body. Returns the socket,
-  // or CURL_SOCKET_BAD when no such connection is watched (nothing is held back then).
-  curl_socket_t Cork(int localPort);
+  // Holds back what is sent on the watched connection with these ports until Uncork, so that
+  // a request's head leaves in one packet with the start of its body. Returns the socket, or
+  // CURL_SOCKET_BAD when no such connection is watched (nothing is held back then).
+  curl_socket_t Cork(int localPort, int peerPort);
   // Sends what Cork held back. Safe after libcurl has closed the socket.
   void Uncork(curl_socket_t socket);
 
@@ -139,6 +139,7 @@ private:
     bool parked = false;
     bool corked = false;
     int localPort = 0;
+    int peerPort = 0; // looked up on the first cork
   };
   using Watchers = std::unordered_map<curl_socket_t, Watch>;
   static int SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void* assigned);

@@ -160,13 +160,13 @@ curl_socket_t Transfer::OpenSocket(void* user, curlsocktype purpose, curl_sockad
   return socket;
 }
 
-int Transfer::RequestReady(void* user, char*, char*, int, int localPort) {
+int Transfer::RequestReady(void* user, char*, char*, int peerPort, int localPort) {
   RequestHandle& owner = Owner(user);
   Transfer& self = *owner.transfer;
   self.session.ConnectionReady(self.easy);
   // The head would otherwise leave alone, and the body a moment later in a packet of its own.
   self.Uncork();
-  if (self.corksHead) self.corked = self.session.Cork(localPort);
+  if (self.corksHead) self.corked = self.session.Cork(localPort, peerPort);
   owner.RequestReady();
   return CURL_PREREQFUNC_OK;
 }
