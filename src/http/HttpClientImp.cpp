@@ -22,9 +22,10 @@ namespace QOR {
 namespace {
 
 // A completion that needs only WinInet's own thread (a send of the headers on a standing
-// connection) follows its call within microseconds: the wait watches for it that long before
-// it sleeps. A step that waits for the server (the reply, a full socket) sleeps at once: the
-// watch would only burn the time the server takes.
+// connection, the rest of a chunk once the socket drains) follows its call within
+// microseconds: the wait watches for it that long before it sleeps. A step that waits for the
+// server's answer (the reply headers, more of the reply) sleeps at once: the watch would only
+// burn the time the server takes.
 constexpr std::chrono::microseconds completionWatch(50);
 
 // How long a step that ran out of time still waits for the watchdog's cancel.
@@ -343,7 +344,7 @@ int HttpClientImp::WaitFor(Event& event, DWORD milliseconds, bool quick) {
 ErrorInfo* HttpClientImp::AwaitCompletion(Step step, ::DWORD code, bool examineAfterFailedWait, bool* stillPending) {
   const StepWords& words = stepWords[static_cast<int>(step)];
   if (code != errorIoPending) return MakeInternetError(words.immediate, code);
-  bool quick = step == Step::Connect || step == Step::OpenRequest || step == Step::SendRequestHeaders;
+  bool quick = step != Step::EndRequest && step != Step::ReadReply;
   int result = WaitFor(target->completedEvent, owner->requestTimeout, quick);
   // The request's watchdog is due no later than this wait: let it win a tie, so that a request
   // too slow in all ends by its cancel, which completes the call.
