@@ -12,7 +12,6 @@ namespace QOR::inet {
 class ByteQueue {
 public:
   std::size_t Size() const { return bytes.size() - head; }
-  bool Empty() const { return Size() == 0; }
 
   void Append(const char* data, std::size_t size) {
     if (size == 0) return;

@@ -17,6 +17,8 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <string>
 
 namespace QOR {
 
@@ -273,7 +275,8 @@ std::uint64_t HttpClient::FormBodySize() const {
 }
 
 // The body is built in one pass: the text parts are encoded into segments, the file part is
-// only sized, and then one block is filled, with the file read straight into its place.
+// only sized, and then one block is filled, with the file read straight into its place. When the
+// engine takes a large file to send from the file, the block ends where the file's bytes begin.
 ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) {
   buffer = nullptr;
   length = 0;
@@ -285,34 +288,45 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
 
   String path = uploadFile;
   String param = uploadParam;
-  ReadableFile file(path);
+  std::unique_ptr<ReadableFile> file;
   ErrorInfo* error = nullptr;
   std::size_t fileSegment = SIZE_MAX;
   if (!path.IsEmpty()) {
     AddTextSegment(FileHead(boundary, names.Size() != 0, param, path));
-    error = file.Open();
+    file = std::make_unique<ReadableFile>(path);
+    error = file->Open();
     if (!error) {
       fileSegment = segments.Size();
-      segments.Add(RequestSegment{file.GetFileSize(), nullptr});
+      segments.Add(RequestSegment{file->GetFileSize(), nullptr});
     }
   }
   ClearFormFields();
 
-  std::size_t total = 0;
+  std::uint64_t total = 0;
   if (!error) {
     AddTextSegment(Closing(boundary));
     for (std::size_t i = 0; i < segments.Size(); ++i) total += segments[i].length;
     // Refused before the file is read into memory.
     if (total > largestTransfer) error = MakeError(String(bodyTooLarge));
   }
+  // The engine is the one that CreateHttpClientImp made.
+  auto* engine = static_cast<HttpClientImp*>(imp);
+  const bool fromFile = !error && fileSegment != SIZE_MAX && engine->TakesUploadFile(segments[fileSegment].length);
   if (!error) {
-    char* block = new char[total];
-    platform::AdviseFreshBlock(block, total);
+    auto size = static_cast<std::size_t>(total);
+    std::size_t parts = segments.Size();
+    if (fromFile) {
+      parts = fileSegment;
+      size = 0;
+      for (std::size_t i = 0; i < parts; ++i) size += segments[i].length;
+    }
+    char* block = new char[size];
+    platform::AdviseFreshBlock(block, size);
     char* position = block;
-    for (std::size_t i = 0; i < segments.Size() && !error; ++i) {
+    for (std::size_t i = 0; i < parts && !error; ++i) {
       const RequestSegment& segment = segments[i];
       if (i == fileSegment)
-        error = file.ReadFile(position, segment.length);
+        error = file->ReadFile(position, segment.length);
       else
         std::memcpy(position, segment.data, segment.length);
       position += segment.length;
@@ -321,8 +335,13 @@ ErrorInfo* HttpClient::GetRequestBuffer(const String& boundary, const char*& buf
       delete[] block;
     } else {
       buffer = block;
-      length = total;
+      length = size;
     }
+  }
+  if (fromFile && !error) {
+    const RequestSegment& closing = segments[fileSegment + 1];
+    engine->SendFromFile(buffer, length, std::move(file), segments[fileSegment].length,
+                         std::string(closing.data, closing.length));
   }
   ReleaseSegments();
   return error;

@@ -137,12 +137,19 @@ ServerAddress SplitServer(const String& server, bool secure) {
 
 } // namespace
 
+std::size_t uploadBlockSize = std::size_t{1} << 20;
+
 // The blocks of one request that a pending call may read or write. Held by the engine and by
 // each request handle that received them; the last holder frees them.
 struct HttpClientImp::RequestBlocks {
   std::atomic<int> holders{1};
   const char* body = nullptr;
   std::size_t bodySize = 0;
+  // A body sent from its upload file: body is the part before the file's bytes, closing the part
+  // behind them, and the body passes through the two stages block by block.
+  std::uint64_t fileSize = 0;
+  std::string closing;
+  char* stages[2] = {nullptr, nullptr};
   INTERNET_BUFFERSW sendBlock{};
   INTERNET_BUFFERSA readBlock{};
   ::DWORD written = 0;
@@ -151,8 +158,12 @@ struct HttpClientImp::RequestBlocks {
 
   ~RequestBlocks() {
     delete[] body;
+    delete[] stages[0];
+    delete[] stages[1];
     delete[] replyBuffer;
   }
+
+  std::uint64_t BodySize() const noexcept { return bodySize + fileSize + closing.size(); }
 
   static void Release(RequestBlocks* blocks) noexcept {
     if (blocks && blocks->holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete blocks;
@@ -494,7 +505,34 @@ void HttpClientImp::LendBlocks() {
 
 ErrorInfo* HttpClientImp::FetchRequestBuffer() {
   RenewBlocks();
-  return owner->GetRequestBuffer(boundary, blocks->body, blocks->bodySize);
+  uploadFile.reset();
+  offeringUpload = true;
+  ErrorInfo* error = owner->GetRequestBuffer(boundary, blocks->body, blocks->bodySize);
+  offeringUpload = false;
+  if (uploadFile && (error || blocks->body != uploadHead || blocks->bodySize != uploadHeadSize)) {
+    // A derived GetRequestBuffer took HttpClient's block and returned another: the file's bytes
+    // that belong behind the first would go behind a block they don't belong to.
+    uploadFile.reset();
+    blocks->fileSize = 0;
+    blocks->closing.clear();
+    if (!error) error = MakeError(String(uploadBodyChanged));
+  }
+  return error;
+}
+
+bool HttpClientImp::TakesUploadFile(std::uint64_t fileSize) const noexcept {
+  return offeringUpload && fileSize > uploadBlockSize;
+}
+
+void HttpClientImp::SendFromFile(const char* head, std::size_t headSize, std::unique_ptr<ReadableFile> file,
+                                 std::uint64_t fileSize, std::string closing) {
+  offeringUpload = false;
+  uploadFile = std::move(file);
+  uploadHead = head;
+  uploadHeadSize = headSize;
+  RequestBlocks& request = Blocks();
+  request.fileSize = fileSize;
+  request.closing = std::move(closing);
 }
 
 ErrorInfo* HttpClientImp::SendRequest(String url) {
@@ -503,10 +541,11 @@ ErrorInfo* HttpClientImp::SendRequest(String url) {
     cancelled = false;
   }
   // A body from a derived client's GetRequestBuffer is held to the same limit, before anything goes out.
-  ErrorInfo* error = Blocks().bodySize > largestTransfer ? MakeError(String(bodyTooLarge)) : nullptr;
+  ErrorInfo* error = Blocks().BodySize() > largestTransfer ? MakeError(String(bodyTooLarge)) : nullptr;
   if (!error) error = OpenRequest(url);
   if (!error) error = SendRequestHeaders();
   if (!error) error = WriteRequestData();
+  uploadFile.reset();
   ErrorInfo* endError = EndRequest();
   if (error) {
     delete endError;
@@ -553,7 +592,7 @@ ErrorInfo* HttpClientImp::SendRequestHeaders() {
     }
     request.sendBlock = INTERNET_BUFFERSW{};
     request.sendBlock.dwStructSize = sizeof(INTERNET_BUFFERSW);
-    request.sendBlock.dwBufferTotal = static_cast<::DWORD>(request.bodySize);
+    request.sendBlock.dwBufferTotal = static_cast<::DWORD>(request.BodySize());
     LendBlocks();
     sent = winInet.HttpSendRequestExW(fileHandle, &request.sendBlock, nullptr, hsrInitiate, Context());
     if (!sent) code = QOR::GetLastError();
@@ -561,40 +600,110 @@ ErrorInfo* HttpClientImp::SendRequestHeaders() {
   return sent ? nullptr : AwaitCompletion(Step::SendRequestHeaders, code);
 }
 
+// A body in memory goes out from its block. A body sent from its upload file goes out through
+// the two stages: while WinInet takes one, the next block of the body is read into the other.
 ErrorInfo* HttpClientImp::WriteRequestData() {
   RequestBlocks& request = Blocks();
-  const char* position = request.body;
-  std::size_t remaining = request.bodySize;
-  std::size_t written = 0;
+  const std::uint64_t total = request.BodySize();
+  const bool staged = uploadFile != nullptr;
   std::size_t chunk = owner->transferBlockSize;
   if (owner->progressTotal != 0) {
     // As many chunks as progress steps, so that each step sees bytes move.
     auto chunks = static_cast<std::size_t>(static_cast<double>(std::max(owner->progressDuration, 0)) /
                                                    std::max(owner->progressInterval, 1));
-    chunk = request.bodySize / std::max<std::size_t>(chunks, 1);
+    chunk = static_cast<std::size_t>(total / std::max<std::size_t>(chunks, 1));
   }
   chunk = std::max<std::size_t>(chunk, 1);
+  const char* position = request.body;
+  std::size_t available = request.bodySize;
+  int stage = 0;
+  std::size_t ready = 0; // bytes read ahead into the other stage
+  if (staged) {
+    if (ErrorInfo* error = FillStage(stage, 0, available)) return AbandonBody(error);
+    position = request.stages[stage];
+  }
+  std::uint64_t written = 0;
+  ErrorInfo* readError = nullptr; // of the read ahead, reported when its stage is due
   for (;;) {
+    std::size_t offered = std::min(available, chunk);
     BOOL done;
     ::DWORD code = 0;
     {
       CritSectionLock hold(fileHandleSection);
       request.written = 0;
       LendBlocks();
-      done = winInet.InternetWriteFile(fileHandle, position, static_cast<::DWORD>(std::min(remaining, chunk)),
-                                       &request.written);
+      done = winInet.InternetWriteFile(fileHandle, position, static_cast<::DWORD>(offered), &request.written);
       if (!done) code = QOR::GetLastError();
     }
     if (!done) {
-      if (ErrorInfo* error = AwaitCompletion(Step::WriteRequestData, code)) return error;
+      if (staged && code == errorIoPending && ready == 0 && !readError && written + available < total)
+        readError = FillStage(1 - stage, written + available, ready);
+      if (ErrorInfo* error = AwaitCompletion(Step::WriteRequestData, code)) {
+        delete readError;
+        return error;
+      }
     }
     std::size_t count = request.written;
     written += count;
-    if (owner->progressTotal != 0) owner->UpdateBytesTransferred(written, request.bodySize);
-    if (remaining <= count) return nullptr;
+    if (owner->progressTotal != 0) owner->UpdateBytesTransferred(written, total);
+    if (written >= total) return nullptr;
     position += count;
-    remaining -= count;
+    available -= count;
+    // After a short write the rest of the stage goes first.
+    if (available != 0) continue;
+    if (readError) return AbandonBody(readError);
+    stage = 1 - stage;
+    if (ready == 0) {
+      if (ErrorInfo* error = FillStage(stage, written, ready)) return AbandonBody(error);
+    }
+    position = request.stages[stage];
+    available = std::exchange(ready, 0);
   }
+}
+
+// Copies the body from offset from into the stage, up to a block, reading the file's bytes from
+// the file, which is read in order.
+ErrorInfo* HttpClientImp::FillStage(int stage, std::uint64_t from, std::size_t& filled) {
+  RequestBlocks& request = *blocks;
+  if (!request.stages[stage]) request.stages[stage] = new char[uploadBlockSize];
+  char* into = request.stages[stage];
+  const std::uint64_t fileEnd = request.bodySize + request.fileSize;
+  const std::uint64_t end = std::min<std::uint64_t>(from + uploadBlockSize, request.BodySize());
+  filled = 0;
+  if (from < request.bodySize) {
+    auto count = static_cast<std::size_t>(std::min<std::uint64_t>(request.bodySize, end) - from);
+    std::memcpy(into, request.body + from, count);
+    filled += count;
+    from += count;
+  }
+  if (from < fileEnd && from < end) {
+    auto count = static_cast<std::size_t>(std::min(fileEnd, end) - from);
+    std::size_t got = 0;
+    if (ErrorInfo* error = uploadFile->ReadFile(into + filled, count, &got)) return error;
+    filled += got;
+    from += got;
+    // Its last bytes read, the file must end there: the closing behind them has not gone out yet.
+    std::size_t more = 0;
+    if (got == count && from == fileEnd) {
+      char beyond;
+      if (ErrorInfo* error = uploadFile->ReadFile(&beyond, 1, &more)) return error;
+    }
+    if (got != count || more != 0)
+      return MakeError(String(uploadFileChanged) + uploadFile->Path() + u"'");
+  }
+  if (from < end) {
+    auto count = static_cast<std::size_t>(end - from);
+    std::memcpy(into + filled, request.closing.data() + (from - fileEnd), count);
+    filled += count;
+  }
+  return nullptr;
+}
+
+// A body cut short must not end as a request: its handle is closed, so that the server sees the
+// connection end before the announced length, and the end of the request calls nothing.
+ErrorInfo* HttpClientImp::AbandonBody(ErrorInfo* error) {
+  delete CancelRequest();
+  return error;
 }
 
 ErrorInfo* HttpClientImp::EndRequest() {

@@ -20,8 +20,9 @@
 //   HANDLE_CLOSING frees it. So a callback always finds its target alive, and a new engine
 //   never receives an old engine's notifications. The callback does its work under the target's
 //   own lock, a leaf lock that no WinInet call is made under.
-// - Every block handed to a call that can pend (the body, the reply buffer, the buffer
-//   structures and the count of bytes written) lives in a RequestBlocks record. A request handle
+// - Every block handed to a call that can pend (the body, the stages of a body sent from its
+//   file, the reply buffer, the buffer structures and the count of bytes written) lives in a
+//   RequestBlocks record. A request handle
 //   that received a block holds the record until its HANDLE_CLOSING; the engine holds it until
 //   it fetches the next body or is destroyed. A reply buffer that a read may still fill after a
 //   failed wait stays in the record instead of being freed.
@@ -30,6 +31,7 @@
 
 #include <qorxmlu/foundation/ErrorInfo.h>
 #include <qorxmlu/foundation/Event.h>
+#include <qorxmlu/foundation/ReadableFile.h>
 #include <qorxmlu/foundation/SVArray.h>
 #include <qorxmlu/foundation/String.h>
 #include <qorxmlu/http/HttpClientBase.h>
@@ -38,6 +40,9 @@
 #include "WinInetApi.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
 
 namespace QOR {
 
@@ -45,6 +50,10 @@ namespace QOR {
 // signal is `quick` to come (from WinInet's thread alone, not from the server). Tests put a
 // failing wait in its place.
 extern int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds, bool quick);
+
+// The block in which an upload file larger than it goes out from the file, read while the block
+// before it is being sent; two of them are the memory that such a body takes. Tests make it small.
+extern std::size_t uploadBlockSize;
 
 class HttpClientImp final : public HttpClientImpInterface {
 public:
@@ -70,6 +79,14 @@ public:
   // The context that this engine's handles carry (its CallbackTarget).
   DWORD_PTR Context() const noexcept;
 
+  // For HttpClient's own GetRequestBuffer, while FetchRequestBuffer calls it: true when an upload
+  // file of fileSize bytes should be left to the send. Then SendFromFile hands it over, with head,
+  // the block that GetRequestBuffer returns (the body up to the file's bytes), and closing, the
+  // body behind them. A derived GetRequestBuffer that returns another block fails the request.
+  bool TakesUploadFile(std::uint64_t fileSize) const noexcept;
+  void SendFromFile(const char* head, std::size_t headSize, std::unique_ptr<ReadableFile> file,
+                    std::uint64_t fileSize, std::string closing);
+
   // WinInet's status callback; the context is a CallbackTarget.
   static void CALLBACK StatusCallback(HINTERNET handle, DWORD_PTR context, ::DWORD status, LPVOID info,
                                       ::DWORD infoLength);
@@ -82,6 +99,8 @@ private:
   ErrorInfo* OpenRequest(const String& url);
   ErrorInfo* SendRequestHeaders();
   ErrorInfo* WriteRequestData();
+  ErrorInfo* FillStage(int stage, std::uint64_t from, std::size_t& filled);
+  ErrorInfo* AbandonBody(ErrorInfo* error);
   ErrorInfo* EndRequest();
   ErrorInfo* ReadToEnd(DWORD blockSize, std::size_t spare, bool examineAfterFailedWait, std::size_t& total);
   ErrorInfo* CloseInternetHandle(HINTERNET& handle, const char16_t* name);
@@ -104,6 +123,11 @@ private:
   bool cancelled = false; // under fileHandleSection
   RequestBlocks* blocks = nullptr;
   String boundary;
+  // The upload file of a body sent from its file, open from FetchRequestBuffer to the end of the send.
+  std::unique_ptr<ReadableFile> uploadFile;
+  const char* uploadHead = nullptr;
+  std::size_t uploadHeadSize = 0;
+  bool offeringUpload = false;
 };
 
 } // namespace QOR

@@ -14,6 +14,11 @@ namespace QOR {
 inline constexpr std::size_t largestTransfer = 0xFFFFFFFF;
 inline constexpr const char16_t* bodyTooLarge = u"Request body too large: 4 GiB or more";
 inline constexpr const char16_t* replyTooLarge = u"Reply too large: 4 GiB or more";
+// A body sent from its upload file: the file changed size under the send (the path and a quote
+// follow), or a derived GetRequestBuffer changed the block that goes before the file's bytes.
+inline constexpr const char16_t* uploadFileChanged = u"Upload file changed size while it was sent '";
+inline constexpr const char16_t* uploadBodyChanged =
+    u"Request body changed around an upload file that is sent from the file";
 
 // True if the code lies in WinInet's range (12000 to 12192); text then holds its words, or
 // "Unspecified Internet error" for a code without a row. Otherwise text is left alone.

@@ -3,10 +3,13 @@
 #include "ErrorText.h"
 #include "FakeWinInet.h"
 #include "StringPrinter.h"
+#include "TempDir.h"
+#include "http/HttpClientImp.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -39,6 +42,23 @@ public:
 
 class ClientTest : public testing::Test {
 protected:
+  // Upload files of more than 64 bytes go out from the file, 64 bytes at a time.
+  void SetUp() override { uploadBlockSize = 64; }
+  void TearDown() override { uploadBlockSize = blockSize; }
+
+  // The body that the form and the file make, as one block.
+  std::string WholeBody(const String& file) {
+    HttpClient twin(u"agent", u"example.test", false, 1, 1);
+    twin.AddFormField(u"id", u"7");
+    twin.SetUploadFile(file, u"userfile");
+    const char* buffer = nullptr;
+    std::size_t length = 0;
+    EXPECT_EQ(TakeText(twin.GetRequestBuffer(u"gc0p4Jq0M2Yt08jU534c0p", buffer, length)), "");
+    std::string body(buffer, length);
+    delete[] buffer;
+    return body;
+  }
+
   std::string Retrieve(const char16_t* url = u"/q.php") {
     String reply;
     std::string error = TakeText(client.Retrieve(url, reply));
@@ -46,6 +66,8 @@ protected:
     return error;
   }
 
+  const std::size_t blockSize = uploadBlockSize;
+  test::TempDir folder;
   FakeWinInet fake;
   RecordingClient client;
   std::string lastReply;
@@ -156,6 +178,8 @@ TEST_F(ClientTest, CancelFromAnotherThreadInEachStage) {
   for (const auto& stage : stages) {
     SCOPED_TRACE(stage.entryPoint);
     int before = fake.Count(stage.entryPoint);
+    // The body goes out from its file, so that a cancel ends a write of a block of it.
+    client.SetUploadFile(folder.Write("upload.bin", std::string(100, 'u')), u"userfile");
     fake.Script(stage.api, FakeCall::Hang());
     std::thread canceller([&] {
       for (int i = 0; i < 2000 && fake.Count(stage.entryPoint) == before; ++i)
@@ -199,6 +223,86 @@ TEST_F(ClientTest, ProgressOnlyWhenAskedForStartsAtZeroRisesStrictlyAndEndsAt100
   EXPECT_EQ(total, size);
 }
 
+// Writes that pend let the next block be read meanwhile, into the other stage; short writes go
+// on within their block. With progress a block may take several writes, each one reported.
+TEST_F(ClientTest, UploadFileGoesOutFromTheFileInBlocks) {
+  std::string bytes;
+  for (int i = 0; i < 1000; ++i) bytes += static_cast<char>(i * 7);
+  String file = folder.Write("upload.bin", bytes);
+  const std::string whole = WholeBody(file);
+  for (bool progress : {false, true}) {
+    SCOPED_TRACE(progress ? "progress" : "no progress");
+    for (int i = 0; i < (progress ? 40 : 6); ++i) fake.Script(Api::InternetWriteFile, FakeCall::Pend(1));
+    FakeCall shortWrite = FakeCall::Pend(1);
+    shortWrite.bytes = 10;
+    fake.Script(Api::InternetWriteFile, std::move(shortWrite));
+    fake.Script(Api::InternetWriteFile, FakeCall::Succeed(3));
+    client.AddFormField(u"id", u"7");
+    client.SetUploadFile(file, u"userfile");
+    if (progress) {
+      client.progressTotal = whole.size();
+      // Fifty chunks: several to a block.
+      client.progressDuration = 100;
+      client.progressInterval = 2;
+    }
+    EXPECT_EQ(Retrieve(), "");
+    FakeWinInet::Request request = fake.Requests().back();
+    EXPECT_EQ(request.body, whole);
+    EXPECT_EQ(request.announced, whole.size());
+    EXPECT_LE(*std::max_element(request.writesOffered.begin(), request.writesOffered.end()), 64u);
+    std::size_t total = 0;
+    EXPECT_EQ(client.GetBytesTransferred(total), progress ? whole.size() : 0u);
+  }
+  std::lock_guard<std::mutex> hold(client.lock);
+  ASSERT_FALSE(client.percents.empty());
+  EXPECT_EQ(client.percents.back(), 100);
+}
+
+// A file that shrinks or grows while it goes out fails the request before its closing line is
+// written, and the request is closed rather than ended: the server never sees a whole body.
+TEST_F(ClientTest, UploadFileThatChangesSizeFailsTheRequestUnfinished) {
+  for (std::size_t size : {std::size_t{100}, std::size_t{300}}) {
+    String file = folder.Write("upload.bin", std::string(200, 'f'));
+    const std::string whole = WholeBody(file);
+    client.AddFormField(u"id", u"7");
+    client.SetUploadFile(file, u"userfile");
+    int ends = fake.Count("HttpEndRequestW");
+    fake.Script(Api::InternetWriteFile,
+                FakeCall::Succeed().Inside([&] { std::filesystem::resize_file(folder.Path("upload.bin"), size); }));
+    EXPECT_EQ(Retrieve(), "Upload file changed size while it was sent '" + file.ToUtf8() + "'");
+    EXPECT_TRUE(client.RequestCancelled());
+    EXPECT_EQ(fake.Count("HttpEndRequestW"), ends);
+    std::string sent = fake.Requests().back().body;
+    EXPECT_LT(sent.size(), whole.size() - 26);
+    EXPECT_EQ(whole.rfind(sent, 0), 0u);
+  }
+}
+
+// A derived GetRequestBuffer around HttpClient's may log the block, but a block it changes would
+// lose the file behind it: that request fails before anything goes out.
+TEST_F(ClientTest, DerivedBodyThatChangesTheBlockBeforeAStreamedFileFails) {
+  class Wrapping : public RecordingClient {
+  public:
+    ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) override {
+      ErrorInfo* error = HttpClient::GetRequestBuffer(boundary, buffer, length);
+      if (change && !error) length -= 1;
+      return error;
+    }
+    bool change = false;
+  };
+  Wrapping wrapping;
+  const std::string bytes(100, 'w');
+  for (bool change : {false, true}) {
+    wrapping.change = change;
+    wrapping.SetUploadFile(folder.Write("upload.bin", bytes), u"userfile");
+    String reply;
+    EXPECT_EQ(TakeText(wrapping.Retrieve(u"/q", reply)),
+              change ? "Request body changed around an upload file that is sent from the file" : "");
+  }
+  EXPECT_EQ(fake.Count("HttpOpenRequestA"), 1);
+  EXPECT_NE(fake.Requests().at(0).body.find("\r\n\r\n" + bytes + "\r\n--"), std::string::npos);
+}
+
 TEST_F(ClientTest, FailedPostWithProgressStopsTheProgressThread) {
   client.progressTotal = 1000;
   client.progressDuration = 10000;
@@ -227,9 +331,15 @@ TEST_F(ClientTest, ProgressWithTooSmallATotalFollowsTheBytes) {
 }
 
 TEST(ClientLimitsTest, TimeLimitsTooLongForMillisecondsMeanNoLimit) {
+  FakeWinInet fake;
   HttpClient client(u"agent", u"example.test", false, 4294968, 4294967);
   EXPECT_EQ(client.connectTimeout, 0xFFFFFFFFu);
   EXPECT_EQ(client.requestTimeout, 4294967000u);
+  // Beyond what a wait takes in milliseconds, and still no limit: a request that outlives the
+  // watchdog's late start is not cancelled.
+  fake.Script(Api::HttpEndRequestW, FakeCall::Pend(50));
+  String reply;
+  EXPECT_EQ(TakeText(client.Retrieve(u"/q", reply)), "");
 }
 
 } // namespace

@@ -1,8 +1,10 @@
 #include <qorxmlu/http/HttpClient.h>
 
 #include "ErrorText.h"
+#include "FakeWinInet.h"
 #include "StringPrinter.h"
 #include "TempDir.h"
+#include "http/HttpClientImp.h"
 
 #include <gtest/gtest.h>
 
@@ -45,7 +47,9 @@ protected:
 };
 
 // Each row is one form, consumed by the body before the next; a file is written under its name.
-TEST_F(RequestBodyTest, FormsByteForByte) {
+// Then the form goes out as a request, with the file sent from the file in blocks of every size
+// that cuts the body in other places, or whole.
+TEST_F(RequestBodyTest, FormsByteForByteAsBuiltAndAsSent) {
   const char raw[] = "\0\r\n--gc0p4Jq0M2Yt08jU534c0p\xff";
   const std::string binary(raw, sizeof raw - 1);
   struct Row {
@@ -69,12 +73,27 @@ TEST_F(RequestBodyTest, FormsByteForByte) {
       {{{u"n\u00e4me\"", u"v\u20acl\r\nue"}}, "u.txt", "1", u"f\u00fc",
        TextPart("n\xc3\xa4me\"", "v\xe2\x82\xacl\r\nue") + "\r\n" + FileHead("f\xc3\xbc", "u.txt") + "1" + closing},
   };
+  test::FakeWinInet fake;
+  HttpClient sender{u"agent", u"example.test", false, 5, 5};
+  const std::size_t blockSize = uploadBlockSize;
   for (const Row& row : rows) {
-    for (auto [name, value] : row.fields) client.AddFormField(name, value);
-    if (row.file) client.SetUploadFile(folder.Write(row.file, row.bytes), row.param);
-    EXPECT_EQ(Body(), row.body);
-    EXPECT_EQ(client.formNames.Size(), 0u);
-    EXPECT_TRUE(client.uploadFile.IsEmpty());
+    for (std::size_t block : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{7}, blockSize}) {
+      HttpClient& form = block == 0 ? client : sender;
+      for (auto [name, value] : row.fields) form.AddFormField(name, value);
+      if (row.file) form.SetUploadFile(folder.Write(row.file, row.bytes), row.param);
+      if (block == 0) {
+        EXPECT_EQ(Body(), row.body);
+        EXPECT_EQ(client.formNames.Size(), 0u);
+        EXPECT_TRUE(client.uploadFile.IsEmpty());
+        continue;
+      }
+      uploadBlockSize = block;
+      String reply;
+      EXPECT_EQ(test::TakeText(sender.Retrieve(u"/form", reply)), "");
+      uploadBlockSize = blockSize;
+      EXPECT_EQ(fake.Requests().back().body, row.body) << block;
+      EXPECT_EQ(fake.Requests().back().announced, row.body.size()) << block;
+    }
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <vector>
 
@@ -164,6 +165,9 @@ TEST(FileTest, FormatableTextFileWritesMarkOnlyAtTheStart) {
     ASSERT_EQ(file.Close(), nullptr);
     EXPECT_EQ(dir.Read("out.txt"), row.bytes);
   }
+  // Made for its owner to read and write again, whoever runs this.
+  auto owner = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
+  EXPECT_EQ(std::filesystem::status(dir.Path("out.txt")).permissions() & owner, owner);
 }
 
 TEST(FileTest, LargeTextIsWrittenWhole) {

@@ -104,6 +104,8 @@ TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
       {[](XMLTag& t) { t.NestTag(u"a", u"x")->AddComment(u"gone"); }, "", "t{a[x]}", ""},
       {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"line\r\n<b />"); }, "", "t{b a}", "t{a}"},
       {[](XMLTag& t) { t.NestTag(u"t")->NestTag(u"b", u"x")->AddComment(u"\n</t>"); }, "", "t{t{b[x]}}", ""},
+      {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"x\n!--y"); }, "", "t{a}", ""},
+      {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"x\n"); }, "Missing end tag for XML data", "t[ -->]", "t{a}"},
       {[](XMLTag& t) { t.NestTag(u"a", u"v")->NestTag(u"b"); }, "Missing end tag for XML data", "t", "a[v]{b}"},
       {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"1/2"); }, "Badly formed XML attribute value", "t", "a(k=1/2)"},
       {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"say \"hi\""); }, "", "t{a(k=say )}", "a(k=say \"hi\")"},

@@ -7,6 +7,9 @@
 //                        with the part's name (and file name) as attributes and its content as value
 //   /order               a reply document: Success 0, Order n (this service's nth /order request),
 //                        Caller with the value of the field "caller"
+//   /flaky               as /order in 95 of 100 requests (2 of them late); the others are reset
+//                        before the answer, closed without one, answered with a line that is no
+//                        HTTP, reset halfway through the body, or given the error status 3
 //   /slow                waits the milliseconds of the field "ms" (cut short when the service
 //                        stops), then answers as /answer
 //   /php/SafeTrace.php   keeps the body as the last upload and answers a reply document

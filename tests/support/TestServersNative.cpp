@@ -93,7 +93,20 @@ public:
     std::string body;
     while (connection.ReadHead(head) && connection.ReadBody(head.contentLength, &body) == head.contentLength) {
       std::string reply;
-      if (!Answer(connection, head, body, reply)) return;
+      int fault = -1;
+      if (!Answer(connection, head, body, reply, fault)) return;
+      if (fault == 0) return connection.Reset();
+      if (fault == 1) return connection.Close();
+      if (fault == 2) {
+        connection.Send("220 service ready\r\n");
+        return connection.Close();
+      }
+      if (fault == 3) {
+        connection.Send(RawServer::ResponseHead(200, "OK", reply.size()) + reply.substr(0, reply.size() / 2));
+        connection.Hold(Milliseconds(5));
+        return connection.Reset();
+      }
+      if (fault == 5 || fault == 6) connection.Hold(Milliseconds(10));
       if (!connection.Send(RawServer::Response(200, "OK", reply))) return;
     }
   }
@@ -101,7 +114,7 @@ public:
 private:
   // The reply for one request; false when the service stops first.
   bool Answer(RawConnection& connection, const RawConnection::Head& head, const std::string& body,
-              std::string& reply) {
+              std::string& reply, int& fault) {
     std::string path = head.requestLine.substr(head.requestLine.find(' ') + 1);
     path = path.substr(0, path.find(' '));
     std::string type = head.Header("Content-Type");
@@ -122,9 +135,13 @@ private:
         payload += ">" + part.content + "</Field>\r\n";
       }
       reply = ReplyDocument(payload);
-    } else if (path == "/order") {
+    } else if (path == "/order" || path == "/flaky") {
       reply = ReplyDocument("\t<Order>" + std::to_string(++orders) + "</Order>\r\n\t<Caller>" +
                             FieldValue(parts, "caller") + "</Caller>\r\n");
+      // The same in 95 of 100 requests, 2 of them late; else a reset before the answer, a close
+      // without one, a line that is no HTTP, a reset halfway through the body, the error status.
+      if (path == "/flaky") fault = static_cast<int>(flakies++ * 37 % 100);
+      if (fault == 4) reply.replace(reply.find("<Success>0"), 10, "<Success>3");
     } else if (path == "/php/SafeTrace.php") {
       ++uploads;
       lastUpload = body;
@@ -139,6 +156,7 @@ private:
 
   std::mutex lock;
   int orders = 0;
+  unsigned flakies = 0;
   int uploads = 0;
   std::string lastUpload;
 };

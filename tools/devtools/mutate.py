@@ -44,6 +44,17 @@ PROGRAMS = {
 # A mutant build of libqorinet needs only the module itself: the test programs load it at run time.
 BUILD_TARGETS = {'inet/src': ['qorinet']}
 
+# Survivors shown to be equivalent (the library behaves the same) are left out of the rate, each
+# with its reason: the mutant as the report describes it but without its line number (which moves
+# with every edit above it), a tab, the reason.
+EQUIVALENT_FILE = Path(__file__).with_name('equivalent-mutants.txt')
+EQUIVALENT = dict(line.split('\t', 1) for line in EQUIVALENT_FILE.read_text(encoding='utf-8').splitlines()
+                  if '\t' in line and not line.startswith('#')) if EQUIVALENT_FILE.exists() else {}
+
+
+def equivalence_key(description):
+    return re.sub(r'^([^:]+):\d+: ', r'\1: ', description)
+
 Mutant = namedtuple('Mutant', 'path line col old new kind source')
 
 # --- finding the candidates -------------------------------------------------------------------
@@ -216,19 +227,37 @@ def build(targets):
     return result.returncode == 0, result.stdout
 
 
-def start(entry):
+def start(entry, whole):
     name, _, skip = entry.partition(' ')
-    command = [str(BUILD / PROGRAMS[name]), '--gtest_fail_fast']
+    command = [str(BUILD / PROGRAMS[name])] + ([] if whole else ['--gtest_fail_fast'])
     if skip:
         command.append('--gtest_filter=' + skip)
-    return subprocess.Popen(command, cwd=BUILD, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+    output = open(BUILD / f'{name}.out', 'w+') if whole else subprocess.DEVNULL
+    return subprocess.Popen(command, cwd=BUILD, stdout=output, stderr=subprocess.DEVNULL,
                             start_new_session=True)
 
 
-def tests_pass(entries, limits):
-    """Runs the programs side by side; False as soon as one fails, crashes or overruns its limit."""
+def failed_cases(entry, code):
+    """The cases that failed in a whole run, and the program itself when it crashed or overran."""
+    name = entry.partition(' ')[0]
+    text = (BUILD / f'{name}.out').read_text(encoding='utf-8', errors='replace')
+    cases = set(re.findall(r'^\[  FAILED  \] (\w+[./]\w+(?:/\w+)*)', text, re.M))
+    if code is None or code not in (0, 1):
+        cases.add(f'{name} (crash or time-out, last case {last_case(text)})')
+    return cases
+
+
+def last_case(text):
+    started = re.findall(r'^\[ RUN      \] (\S+)', text, re.M)
+    return started[-1] if started else 'none'
+
+
+def tests_pass(entries, limits, whole=False):
+    """Runs the programs side by side. Fail-fast: False as soon as one fails, crashes or overruns its
+    limit. Whole (the kill matrix): every case runs, and the result is the set of cases that failed."""
     began = time.monotonic()
-    running = {entry: start(entry) for entry in entries}
+    running = {entry: start(entry, whole) for entry in entries}
+    failed = set()
     try:
         while running:
             time.sleep(0.02)
@@ -236,10 +265,16 @@ def tests_pass(entries, limits):
                 code = process.poll()
                 if code is None and time.monotonic() - began < limits.get(entry, TEST_TIMEOUT):
                     continue
-                if code != 0:
+                if whole:
+                    if code is None:
+                        os.killpg(process.pid, signal.SIGKILL)
+                        process.wait()
+                    if code != 0:
+                        failed |= failed_cases(entry, code)
+                elif code != 0:
                     return False
                 del running[entry]
-        return True
+        return failed if whole else True
     finally:
         for process in running.values():
             if process.poll() is None:
@@ -252,7 +287,7 @@ def time_limits(entries):
     limits = {}
     for entry in sorted(entries):
         began = time.monotonic()
-        if not tests_pass([entry], {}):
+        if tests_pass([entry], {}) is not True:
             sys.exit(f'mutate: {entry} fails on the unchanged tree')
         limits[entry] = min(TEST_TIMEOUT, max(10, 4 * (time.monotonic() - began)))
     return limits
@@ -266,7 +301,7 @@ def targets_of(folder):
     return BUILD_TARGETS.get(folder, programs(folder))
 
 
-def run(mutants, report_path):
+def run(mutants, report_path, whole):
     configure()
     folders = sorted({folder_of(m.path) for m in mutants})
     everything = sorted({t for f in folders for t in targets_of(f) + programs(f)})
@@ -276,6 +311,7 @@ def run(mutants, report_path):
     limits = time_limits({entry for f in folders for entry in FOLDERS[f]})
 
     outcomes = []
+    killers = {}  # the kill matrix: for each built mutant, the cases that failed on it
     originals = {}  # the text of each file before its first mutant
     committed = {m.path for m in mutants if not git_differs(m.path)}
     started = time.monotonic()
@@ -288,8 +324,15 @@ def run(mutants, report_path):
                 PENDING.write_text(json.dumps({'path': m.path, 'text': original}), encoding='utf-8')
                 file.write_text(apply(original, m), encoding='utf-8')
                 built, _ = build(targets_of(folder))
-                outcome = 'not-built' if not built else \
-                    'survived' if tests_pass(FOLDERS[folder], limits) else 'killed'
+                if not built:
+                    outcome = 'not-built'
+                elif whole:
+                    killers[describe(m)] = sorted(tests_pass(FOLDERS[folder], limits, whole=True))
+                    outcome = 'killed' if killers[describe(m)] else 'survived'
+                else:
+                    outcome = 'survived' if tests_pass(FOLDERS[folder], limits) else 'killed'
+                if outcome == 'survived' and equivalence_key(describe(m)) in EQUIVALENT:
+                    outcome = 'equivalent'
             finally:
                 file.write_text(original, encoding='utf-8')
                 PENDING.unlink(missing_ok=True)
@@ -306,6 +349,9 @@ def run(mutants, report_path):
     # Leave the build as the tree is, so the next run starts from unchanged objects.
     build(everything)
     report = summary(outcomes, time.monotonic() - started)
+    if whole:
+        (BUILD / 'matrix.json').write_text(json.dumps(killers, indent=1), encoding='utf-8')
+        report += matrix_summary(killers)
     report_path.write_text(report, encoding='utf-8')
     print(report, end='')
     print(f'(written to {report_path.relative_to(ROOT)})')
@@ -331,11 +377,25 @@ def describe(m):
     return f'{m.path}:{m.line}: {line} -> {mutated}'
 
 
+def matrix_summary(killers):
+    """Per test case: the mutants it kills and those that no other case kills. A case that kills
+    nothing alone only repeats others, on this sample."""
+    kills, alone = Counter(), Counter()
+    for cases in killers.values():
+        for case in cases:
+            kills[case] += 1
+            if len(cases) == 1:
+                alone[case] += 1
+    lines = [f'kill matrix ({len(killers)} built mutants): case, kills, kills no other case makes']
+    lines += [f'  {case}  {kills[case]}  {alone[case]}' for case in sorted(kills, key=lambda c: (-alone[c], -kills[c], c))]
+    return '\n'.join(lines) + '\n'
+
+
 def summary(outcomes, seconds):
     counts = defaultdict(Counter)
     for m, outcome in outcomes:
         counts[folder_of(m.path)][outcome] += 1
-    lines = [f'{"folder":<16} {"killed":>6} {"built":>6} {"rate":>6} {"not built":>9}']
+    lines = [f'{"folder":<16} {"killed":>6} {"built":>6} {"rate":>6} {"not built":>9} {"equivalent":>10}']
     total = Counter()
     for folder in FOLDERS:
         c = counts.get(folder)
@@ -348,13 +408,16 @@ def summary(outcomes, seconds):
     survivors = [describe(m) for m, outcome in outcomes if outcome == 'survived']
     lines.append(f'survivors ({len(survivors)}):')
     lines += survivors
+    equivalent = [describe(m) for m, outcome in outcomes if outcome == 'equivalent']
+    lines.append(f'equivalent, left out of the rate ({len(equivalent)}):')
+    lines += [f'{d}  -- {EQUIVALENT[equivalence_key(d)]}' for d in equivalent]
     return '\n'.join(lines) + '\n'
 
 
 def row(name, c):
     built = c['killed'] + c['survived']
     rate = f'{100 * c["killed"] / built:.0f}%' if built else '-'
-    return f'{name:<16} {c["killed"]:>6} {built:>6} {rate:>6} {c["not-built"]:>9}'
+    return f'{name:<16} {c["killed"]:>6} {built:>6} {rate:>6} {c["not-built"]:>9} {c["equivalent"]:>10}'
 
 
 def main():
@@ -363,6 +426,8 @@ def main():
     parser.add_argument('--files', help="only sources matching this glob, e.g. 'src/xml/*'")
     parser.add_argument('--seed', type=int, default=1, help='picks the sample (default 1)')
     parser.add_argument('--list', action='store_true', help='print the sampled mutants and stop')
+    parser.add_argument('--matrix', action='store_true',
+                        help='run every case on every mutant and report which cases kill what')
     args = parser.parse_args()
     # Ended from outside, the run still restores its file on the way out (Ctrl-C does so anyway).
     for ending in (signal.SIGTERM, signal.SIGHUP):
@@ -377,7 +442,7 @@ def main():
     if not mutants:
         sys.exit('mutate: no candidates')
     BUILD.mkdir(parents=True, exist_ok=True)
-    run(mutants, BUILD / 'report.txt')
+    run(mutants, BUILD / 'report.txt', args.matrix)
 
 
 if __name__ == '__main__':

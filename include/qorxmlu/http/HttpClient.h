@@ -42,7 +42,10 @@ public:
 
   // Stores the progress counters that GetBytesTransferred reads.
   void UpdateBytesTransferred(std::size_t transferred, std::size_t total) override;
-  // Builds the multipart body of the form and the upload file, and empties the form.
+  // Builds the multipart body of the form and the upload file, and empties the form. Called by
+  // the request, it leaves an upload file larger than a block to the send, which reads it from
+  // the file block by block: the block then holds the body up to the file's bytes. A derived
+  // GetRequestBuffer that calls this one returns that block unchanged, or the request fails.
   [[nodiscard]] ErrorInfo* GetRequestBuffer(const String& boundary, const char*& buffer, std::size_t& length) override;
 
   // The size in bytes of the body that the next request posts with the form and the upload file
