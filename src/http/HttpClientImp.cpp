@@ -21,24 +21,20 @@ namespace QOR {
 
 namespace {
 
-// A completion that needs only WinInet's own thread (a send of the headers on a standing
-// connection, the rest of a chunk once the socket drains) follows its call within
-// microseconds: the wait watches for it that long before it sleeps. A step that waits for the
-// server's answer (the reply headers, more of the reply) sleeps at once: the watch would only
-// burn the time the server takes.
+// A completion usually follows its call within microseconds, on WinInet's thread: the wait
+// watches for it that long before it sleeps.
 constexpr std::chrono::microseconds completionWatch(50);
 
 // How long a step that ran out of time still waits for the watchdog's cancel.
 constexpr DWORD watchdogTieGrace = 25;
 
-int WaitForCompletion(SVArray<Event*, Event*>& events, int milliseconds, bool quick) {
-  return detail::WaitOnEventsWatching(events, milliseconds,
-                                      quick ? completionWatch : std::chrono::microseconds(0));
+int WaitForCompletion(SVArray<Event*, Event*>& events, int milliseconds) {
+  return detail::WaitOnEventsWatching(events, milliseconds, completionWatch);
 }
 
 } // namespace
 
-int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds, bool quick) = &WaitForCompletion;
+int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds) = &WaitForCompletion;
 
 namespace {
 
@@ -345,21 +341,20 @@ HttpClientImp::~HttpClientImp() {
 
 DWORD_PTR HttpClientImp::Context() const noexcept { return reinterpret_cast<DWORD_PTR>(target); }
 
-int HttpClientImp::WaitFor(Event& event, DWORD milliseconds, bool quick) {
+int HttpClientImp::WaitFor(Event& event, DWORD milliseconds) {
   SVArray<Event*, Event*> events;
   events.SetCapacityIncrease(1);
   events.Add(&event);
-  return engineWait(events, WaitTime(milliseconds), quick);
+  return engineWait(events, WaitTime(milliseconds));
 }
 
 ErrorInfo* HttpClientImp::AwaitCompletion(Step step, ::DWORD code, bool examineAfterFailedWait, bool* stillPending) {
   const StepWords& words = stepWords[static_cast<int>(step)];
   if (code != errorIoPending) return MakeInternetError(words.immediate, code);
-  bool quick = step != Step::EndRequest && step != Step::ReadReply;
-  int result = WaitFor(target->completedEvent, owner->requestTimeout, quick);
+  int result = WaitFor(target->completedEvent, owner->requestTimeout);
   // The request's watchdog is due no later than this wait: let it win a tie, so that a request
   // too slow in all ends by its cancel, which completes the call.
-  if (result == -1) result = WaitFor(target->completedEvent, watchdogTieGrace, false);
+  if (result == -1) result = WaitFor(target->completedEvent, watchdogTieGrace);
   ErrorInfo* error = nullptr;
   if (result == -1 || result == -2) {
     if (stillPending) *stillPending = true;
@@ -414,7 +409,7 @@ ErrorInfo* HttpClientImp::Connect() {
   events.SetCapacityIncrease(2);
   events.Add(&target->connectedEvent);
   events.Add(&target->completedEvent);
-  int result = engineWait(events, WaitTime(owner->connectTimeout), true);
+  int result = engineWait(events, WaitTime(owner->connectTimeout));
   httpHandle = target->createdHandle.load();
   target->Adopt(httpHandle);
   if (result == -1 || result == -2) target->Pin();
@@ -445,7 +440,7 @@ ErrorInfo* HttpClientImp::CloseInternetHandle(HINTERNET& handle, const char16_t*
     // A handle that WinInet no longer knows still gets the wait for its notification.
     if (code != errorInvalidHandle) return MakeInternetError(String(u"Error closing ") + name, code);
   }
-  if (WaitFor(target->closedEvent, owner->connectTimeout, true) == -1)
+  if (WaitFor(target->closedEvent, owner->connectTimeout) == -1)
     return MakeError(String(u"Timed out trying to close ") + name);
   handle = nullptr;
   if (::DWORD failure = target->asyncError.load()) return MakeInternetError(String(u"Error closing ") + name, failure);

@@ -46,10 +46,9 @@
 
 namespace QOR {
 
-// The wait that the engine blocks in: WaitOnEvents, watching briefly before it sleeps when the
-// signal is `quick` to come (from WinInet's thread alone, not from the server). Tests put a
-// failing wait in its place.
-extern int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds, bool quick);
+// The wait that the engine blocks in: WaitOnEvents, watching briefly before it sleeps. Tests put
+// a failing wait in its place.
+extern int (*engineWait)(SVArray<Event*, Event*>& events, int milliseconds);
 
 // The block in which an upload file larger than it goes out from the file, read while the block
 // before it is being sent; two of them are the memory that such a body takes. Tests make it small.
@@ -107,7 +106,7 @@ private:
   ErrorInfo* AwaitCompletion(Step step, ::DWORD code, bool examineAfterFailedWait = false,
                              bool* stillPending = nullptr);
   ErrorInfo* FailConnect(ErrorInfo* error);
-  int WaitFor(Event& event, DWORD milliseconds, bool quick);
+  int WaitFor(Event& event, DWORD milliseconds);
   // The record of the current request; a fresh one if there is none.
   RequestBlocks& Blocks();
   void RenewBlocks();

@@ -46,7 +46,7 @@ public:
 // The next waits of the engine fail, as a broken wait would.
 struct FailingWaits {
   static inline std::atomic<int> left{0};
-  static int Wait(SVArray<Event*, Event*>& events, int milliseconds, bool) {
+  static int Wait(SVArray<Event*, Event*>& events, int milliseconds) {
     if (left.fetch_sub(1) > 0) return -2;
     return WaitOnEvents(events, milliseconds);
   }
@@ -55,7 +55,7 @@ struct FailingWaits {
     engineWait = &Wait;
   }
   ~FailingWaits() { engineWait = previous; }
-  int (*previous)(SVArray<Event*, Event*>&, int, bool);
+  int (*previous)(SVArray<Event*, Event*>&, int);
 };
 
 class EngineTest : public testing::Test {
