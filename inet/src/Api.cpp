@@ -130,13 +130,16 @@ QORINET_API HINTERNET HttpOpenRequestA(HINTERNET hConnect, LPCSTR lpszVerb, LPCS
     return nullptr;
   }
   try {
-    std::vector<std::string> acceptTypes;
+    // The Accept header's value, built in one piece: the list is long and comes with every request.
+    std::string accept;
     for (LPCSTR* type = lplpszAcceptTypes; type && *type; ++type) {
-      if (**type) acceptTypes.emplace_back(*type);
+      if (!**type) continue;
+      if (!accept.empty()) accept += ", ";
+      accept += *type;
     }
     auto request = std::make_shared<RequestHandle>(std::static_pointer_cast<ConnectHandle>(parent),
                                                     TextOf(lpszVerb), TextOf(lpszObjectName),
-                                                    TextOf(lpszReferrer), std::move(acceptTypes), dwFlags, dwContext);
+                                                    TextOf(lpszReferrer), std::move(accept), dwFlags, dwContext);
     HINTERNET value = Handle::Publish(request);
     if (!value) SetLastError(ERROR_INVALID_HANDLE);
     return value;

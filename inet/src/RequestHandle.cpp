@@ -36,24 +36,14 @@ std::string RequestTarget(const std::string& object) {
   return target;
 }
 
-std::string Join(const std::vector<std::string>& items, const char* separator) {
-  std::string joined;
-  for (const std::string& item : items) {
-    if (!joined.empty()) joined += separator;
-    joined += item;
-  }
-  return joined;
-}
-
 } // namespace
 
 RequestHandle::RequestHandle(std::shared_ptr<ConnectHandle> connection, std::string verb, std::string object,
-                             std::string referrer, std::vector<std::string> acceptTypes, DWORD flags,
-                             DWORD_PTR context)
+                             std::string referrer, std::string accept, DWORD flags, DWORD_PTR context)
     : Handle(Kind::Request, connection, context), connection(connection),
       verb(verb.empty() ? "GET" : std::move(verb)), target(RequestTarget(object)), flags(flags) {
   if (!referrer.empty()) headers.Set("Referer", referrer);
-  if (!acceptTypes.empty()) headers.Set("Accept", Join(acceptTypes, ", "));
+  if (!accept.empty()) headers.Set("Accept", accept);
 }
 
 RequestHandle::~RequestHandle() = default;
@@ -168,9 +158,14 @@ RequestHandle::HandOverResult RequestHandle::HandOver(curl_socket_t& socket) {
   // socket is full, it takes nothing and waits on.
   if (!paused || Pending(Op::Write)) transfer->SendNow();
   socket = transfer ? transfer->Socket() : CURL_SOCKET_BAD;
-  std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
-  uploadByCaller = false;
-  return op == Op::Write ? HandOverResult::SocketFull : HandOverResult::Taken;
+  bool taken = false;
+  {
+    std::lock_guard<std::mutex> lockGuard(GetSession().Lock());
+    uploadByCaller = false;
+    taken = op != Op::Write;
+  }
+  if (taken && transfer) transfer->Uncork();
+  return taken ? HandOverResult::Taken : HandOverResult::SocketFull;
 }
 
 DWORD RequestHandle::End() {
@@ -283,17 +278,10 @@ void RequestHandle::Begin() {
 
 Transfer::Plan RequestHandle::MakePlan() {
   Transfer::Plan plan;
-  HeaderList wire;
-  {
-    std::lock_guard<std::mutex> guard(GetSession().Lock());
-    wire = headers;
-    plan.bodySize = total;
-  }
   const Session::Settings& settings = GetSession().GetSettings();
   plan.secure = (flags & INTERNET_FLAG_SECURE) != 0;
   plan.verifyName = (flags & INTERNET_FLAG_IGNORE_CERT_CN_INVALID) == 0;
   plan.verb = verb;
-  plan.hasBody = !(verb == "HEAD" || (verb == "GET" && plan.bodySize == 0));
   plan.url = (plan.secure ? "https://" : "http://") + connection->UrlHost() + ":" +
              std::to_string(connection->PortFor(plan.secure)) + target;
   plan.connectTimeoutMs = static_cast<long>(ConnectTimeout());
@@ -301,27 +289,55 @@ Transfer::Plan RequestHandle::MakePlan() {
   plan.proxy = settings.proxy;
   plan.bypass = settings.bypass;
 
-  // The order WinInet sends them in: the request's own headers, then these.
-  wire.AddIfMissing("Host", connection->HostHeader(plan.secure));
-  if (plan.hasBody) wire.Set("Content-Length", std::to_string(plan.bodySize));
-  if (!settings.agent.empty()) wire.AddIfMissing("User-Agent", settings.agent);
-  if (flags & INTERNET_FLAG_RELOAD) wire.AddIfMissing("Cache-Control", "no-cache");
-  if (flags & INTERNET_FLAG_PRAGMA_NOCACHE) wire.AddIfMissing("Pragma", "no-cache");
-  if (flags & INTERNET_FLAG_KEEP_CONNECTION) wire.AddIfMissing("Connection", "Keep-Alive");
-
   std::size_t bytes = verb.size() + 1 + target.size() + sizeof(" HTTP/1.1\r\n") - 1 + 2;
+  auto addLine = [&plan, &bytes](std::string_view name, std::string_view value) {
+    std::string line;
+    line.reserve(name.size() + 2 + value.size());
+    line.append(name);
+    // libcurl reads "Name:" as "leave this header out" and "Name;" as "send it empty".
+    if (value.empty()) {
+      line += ';';
+    } else {
+      line += ": ";
+      line.append(value);
+    }
+    plan.headerLines.push_back(std::move(line));
+    bytes += name.size() + 2 + value.size() + 2;
+  };
   // libcurl writes a Host header of the list right after the request line; an empty one first
   // stops that, and ours then goes out where WinInet puts it.
   plan.headerLines.emplace_back("Host:");
-  for (const HeaderList::Field& field : wire.Fields()) {
-    // libcurl reads "Name:" as "leave this header out" and "Name;" as "send it empty".
-    plan.headerLines.push_back(field.name + (field.value.empty() ? ";" : ": " + field.value));
-    bytes += field.name.size() + 2 + field.value.size() + 2;
+  bool hasHost, hasAgent, hasCacheControl, hasPragma, hasConnection, hasAccept, hasType;
+  {
+    // The request's own headers first, in their order (they no longer change once sent), then
+    // the ones WinInet adds when missing. A Content-Length of the request's own gives way to
+    // the real one, in its place.
+    std::lock_guard<std::mutex> guard(GetSession().Lock());
+    plan.bodySize = total;
+    plan.hasBody = !(verb == "HEAD" || (verb == "GET" && plan.bodySize == 0));
+    std::string length = plan.hasBody ? std::to_string(plan.bodySize) : std::string();
+    const std::string* ownLength = plan.hasBody ? headers.Find("Content-Length") : nullptr;
+    plan.headerLines.reserve(headers.Fields().size() + 10);
+    for (const HeaderList::Field& field : headers.Fields())
+      addLine(field.name, &field.value == ownLength ? std::string_view(length) : std::string_view(field.value));
+    hasHost = headers.Find("Host");
+    hasAgent = headers.Find("User-Agent");
+    hasCacheControl = headers.Find("Cache-Control");
+    hasPragma = headers.Find("Pragma");
+    hasConnection = headers.Find("Connection");
+    hasAccept = headers.Find("Accept");
+    hasType = headers.Find("Content-Type");
+    if (!hasHost) addLine("Host", connection->HostHeader(plan.secure));
+    if (plan.hasBody && !ownLength) addLine("Content-Length", length);
   }
+  if (!settings.agent.empty() && !hasAgent) addLine("User-Agent", settings.agent);
+  if ((flags & INTERNET_FLAG_RELOAD) && !hasCacheControl) addLine("Cache-Control", "no-cache");
+  if ((flags & INTERNET_FLAG_PRAGMA_NOCACHE) && !hasPragma) addLine("Pragma", "no-cache");
+  if ((flags & INTERNET_FLAG_KEEP_CONNECTION) && !hasConnection) addLine("Connection", "Keep-Alive");
   // Headers libcurl would add of its own accord.
   plan.headerLines.emplace_back("Expect:");
-  if (!wire.Find("Accept")) plan.headerLines.emplace_back("Accept:");
-  if (plan.hasBody && !wire.Find("Content-Type")) plan.headerLines.emplace_back("Content-Type:");
+  if (!hasAccept) plan.headerLines.emplace_back("Accept:");
+  if (plan.hasBody && !hasType) plan.headerLines.emplace_back("Content-Type:");
   headBytes = static_cast<DWORD>(bytes);
   return plan;
 }
@@ -510,6 +526,11 @@ std::size_t RequestHandle::Upload(char* buffer, std::size_t size) {
     }
   }
   if (finished) {
+    // libcurl sends what it took after this returns.
+    auto self = std::static_pointer_cast<RequestHandle>(shared_from_this());
+    GetSession().AfterPerform([self] {
+      if (self->transfer) self->transfer->Uncork();
+    });
     Notify(INTERNET_STATUS_SENDING_REQUEST, nullptr, 0);
     Notify(INTERNET_STATUS_REQUEST_SENT, &finished, sizeof finished);
     Complete(1, 0, [this, finished] {

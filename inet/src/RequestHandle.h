@@ -23,8 +23,9 @@ namespace QOR::inet {
 
 class RequestHandle : public Handle {
 public:
+  // `accept` is the Accept header's value: the accept types joined by ", " (empty: no header).
   RequestHandle(std::shared_ptr<ConnectHandle> connection, std::string verb, std::string object,
-                std::string referrer, std::vector<std::string> acceptTypes, DWORD flags, DWORD_PTR context);
+                std::string referrer, std::string accept, DWORD flags, DWORD_PTR context);
   ~RequestHandle() override;
 
   // Each returns 0 when done at once, ERROR_IO_PENDING when REQUEST_COMPLETE will follow, or

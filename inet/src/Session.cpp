@@ -3,7 +3,10 @@
 #include "RequestHandle.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -27,6 +30,16 @@ using Clock = std::chrono::steady_clock;
 void InitialiseCurl() {
   static std::once_flag once;
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+// The local or the peer port of a socket (getsockname or getpeername); 0 if unknown.
+int PortOf(int socket, int (*name)(int, sockaddr*, socklen_t*)) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (name(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return 0;
+  if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+  if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
+  return 0;
 }
 
 uint32_t EpollEvents(int what) {
@@ -339,6 +352,7 @@ int Session::Watched(curl_socket_t socket, uint32_t events, bool established) {
   watch.established = established;
   watch.duplicate = fcntl(socket, F_DUPFD_CLOEXEC, 0); // libcurl's socket is open in this call
   if (watch.duplicate < 0) return -1;
+  watch.localPort = PortOf(watch.duplicate, &getsockname);
   if (epoll_ctl(epollFd, EPOLL_CTL_ADD, watch.duplicate, &event) != 0) {
     close(watch.duplicate);
     return -1;
@@ -379,7 +393,34 @@ void Session::Park(Watchers::iterator watched) {
 
 void Session::ConnectionReady(CURL* easy) { readyEasies.insert(easy); }
 
+// Through the duplicate, which is ours: libcurl's number may belong to another file by the time
+// of an uncork.
+curl_socket_t Session::Cork(int localPort, int peerPort) {
+  if (localPort <= 0) return CURL_SOCKET_BAD;
+  for (auto& watched : watchers) {
+    Watch& watch = watched.second;
+    if (watch.localPort != localPort) continue;
+    // Connections to two servers may share a local port. The peer is known once connected.
+    if (watch.peerPort == 0) watch.peerPort = PortOf(watch.duplicate, &getpeername);
+    if (watch.peerPort != peerPort) continue;
+    int on = 1;
+    if (setsockopt(watch.duplicate, IPPROTO_TCP, TCP_CORK, &on, sizeof on) != 0) return CURL_SOCKET_BAD;
+    watch.corked = true;
+    return watched.first;
+  }
+  return CURL_SOCKET_BAD;
+}
+
+void Session::Uncork(curl_socket_t socket) {
+  auto watched = watchers.find(socket);
+  if (watched == watchers.end() || !watched->second.corked) return;
+  int off = 0;
+  setsockopt(watched->second.duplicate, IPPROTO_TCP, TCP_CORK, &off, sizeof off);
+  watched->second.corked = false;
+}
+
 void Session::StopWatching(Watchers::iterator watched) {
+  Uncork(watched->first);
   epoll_ctl(epollFd, EPOLL_CTL_DEL, watched->second.duplicate, nullptr);
   close(watched->second.duplicate);
   watchers.erase(watched);

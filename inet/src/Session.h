@@ -110,6 +110,12 @@ public:
   // libcurl is about to send the easy handle's request on a connection that stands (new or
   // reused, PREREQFUNCTION): the socket it then watches for reading may outlast the transfer.
   void ConnectionReady(CURL* easy);
+  // Holds back what is sent on the watched connection with these ports until Uncork, so that
+  // a request's head leaves in one packet with the start of its body. Returns the socket, or
+  // CURL_SOCKET_BAD when no such connection is watched (nothing is held back then).
+  curl_socket_t Cork(int localPort, int peerPort);
+  // Sends what Cork held back. Safe after libcurl has closed the socket.
+  void Uncork(curl_socket_t socket);
 
 private:
   explicit Session(Settings settings);
@@ -131,6 +137,9 @@ private:
     uint32_t wanted = 0; // what libcurl asked for last; registered before the loop sleeps
     bool established = false; // connected, with a request on it
     bool parked = false;
+    bool corked = false;
+    int localPort = 0;
+    int peerPort = 0; // looked up on the first cork
   };
   using Watchers = std::unordered_map<curl_socket_t, Watch>;
   static int SocketChanged(CURL* easy, curl_socket_t socket, int what, void* user, void* assigned);

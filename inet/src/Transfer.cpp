@@ -103,6 +103,7 @@ bool Transfer::Start(const Plan& plan, std::shared_ptr<RequestHandle> owner) {
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &Transfer::TlsStarting);
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, user);
   }
+  corksHead = plan.hasBody && plan.bodySize > 0;
   attached = session.Attach(easy, std::move(owner));
   return attached;
 }
@@ -130,7 +131,14 @@ void Transfer::SetPause(int direction, bool paused) {
   if (attached) curl_easy_pause(easy, pauseMask);
 }
 
+void Transfer::Uncork() {
+  if (corked == CURL_SOCKET_BAD) return;
+  session.Uncork(corked);
+  corked = CURL_SOCKET_BAD;
+}
+
 void Transfer::Detach() {
+  Uncork();
   if (!attached) return;
   attached = false;
   session.Detach(easy);
@@ -152,9 +160,13 @@ curl_socket_t Transfer::OpenSocket(void* user, curlsocktype purpose, curl_sockad
   return socket;
 }
 
-int Transfer::RequestReady(void* user, char*, char*, int, int) {
+int Transfer::RequestReady(void* user, char*, char*, int peerPort, int localPort) {
   RequestHandle& owner = Owner(user);
-  owner.transfer->session.ConnectionReady(owner.transfer->easy);
+  Transfer& self = *owner.transfer;
+  self.session.ConnectionReady(self.easy);
+  // The head would otherwise leave alone, and the body a moment later in a packet of its own.
+  self.Uncork();
+  if (self.corksHead) self.corked = self.session.Cork(localPort, peerPort);
   owner.RequestReady();
   return CURL_PREREQFUNC_OK;
 }

@@ -47,6 +47,8 @@ public:
   // The socket libcurl sends on, or CURL_SOCKET_BAD.
   curl_socket_t Socket() const;
   void ResumeReply();
+  // Lets the head, held back since the connection stood, go with the body bytes taken so far.
+  void Uncork();
   // Takes the easy handle out of the multi handle; no callback comes after this.
   void Detach();
   // The WinInet error for a failed transfer of this handle.
@@ -66,6 +68,8 @@ private:
   CURL* easy = nullptr;
   curl_slist* headerList = nullptr;
   bool attached = false;
+  bool corksHead = false; // a body follows the head
+  curl_socket_t corked = CURL_SOCKET_BAD;
   int pauseMask = CURLPAUSE_CONT;
 };
 
