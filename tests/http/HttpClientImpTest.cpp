@@ -342,24 +342,6 @@ TEST_F(EngineTest, CancelBetweenTheCallAndTheStore) {
   EXPECT_EQ(fake->Count("InternetCloseHandle"), closes);
 }
 
-TEST_F(EngineTest, TextRepliesAroundTheBlockSize) {
-  for (std::size_t size : {0u, 15u, 16u, 17u, 50u}) {
-    SCOPED_TRACE(size);
-    Fresh();
-    owner->transferBlockSize = 16;
-    std::string bytes;
-    for (std::size_t i = 0; i < size; ++i) bytes += static_cast<char>('A' + i % 26);
-    fake->SetReply(bytes);
-    Connect();
-    EXPECT_EQ(Send(), "");
-    String reply(u"before");
-    EXPECT_EQ(TakeText(engine->ReadReply(reply)), "");
-    EXPECT_EQ(reply.ToUtf8(), bytes);
-    // A reply that fills the buffer exactly makes it grow before the read that gives 0 bytes.
-    EXPECT_FALSE(Logged("InternetReadFileExA 0"));
-  }
-}
-
 // A read that fails leaves the reply and the buffer alone. After a failed wait the Base64 read
 // looks at the completion, which the cancel that follows makes 12017.
 TEST_F(EngineTest, FailedReadsLeaveTheReplyAlone) {
@@ -383,26 +365,6 @@ TEST_F(EngineTest, FailedReadsLeaveTheReplyAlone) {
       EXPECT_EQ(buffer, nullptr);
       EXPECT_EQ(length, 99u);
     }
-  }
-}
-
-TEST_F(EngineTest, Base64RepliesGrowByTheBlockSize) {
-  struct {
-    std::string text, bytes;
-  } cases[] = {{"", ""},
-               {"AAEC/w==", std::string("\0\1\2\xff", 4)},
-               {"aGVsbG8gd29ybGQsIGhlbGxvIHdvcmxk", "hello world, hello world"}};
-  for (const auto& entry : cases) {
-    Fresh();
-    fake->SetReply(entry.text);
-    Connect();
-    EXPECT_EQ(Send(), "");
-    char* buffer = nullptr;
-    std::size_t length = 99;
-    EXPECT_EQ(TakeText(engine->ReadBase64Reply(4, buffer, length)), "");
-    ASSERT_NE(buffer, nullptr);
-    EXPECT_EQ(std::string(buffer, length), entry.bytes);
-    delete[] buffer;
   }
 }
 

@@ -152,20 +152,6 @@ TEST(ClientLimitTest, BodyOf4GiBFromADerivedClientIsNeverSent) {
   EXPECT_EQ(fake.Count("HttpSendRequestExW"), 0);
 }
 
-TEST_F(ClientTest, RetrieveBase64) {
-  fake.SetReply("aGVsbG8=");
-  char* buffer = reinterpret_cast<char*>(1);
-  std::size_t length = 99;
-  // A block size of 0 reads the reply as text and drops it.
-  EXPECT_EQ(TakeText(client.RetrieveBase64(0, u"/b", buffer, length)), "");
-  EXPECT_EQ(buffer, reinterpret_cast<char*>(1));
-  EXPECT_EQ(length, 99u);
-  EXPECT_EQ(TakeText(client.RetrieveBase64(3, u"/b", buffer, length)), "");
-  ASSERT_NE(buffer, reinterpret_cast<char*>(1));
-  EXPECT_EQ(std::string(buffer, length), "hello");
-  delete[] buffer;
-}
-
 TEST_F(ClientTest, CancelFromAnotherThreadInEachStage) {
   struct {
     Api api;

@@ -103,6 +103,11 @@ TEST_F(HttpClientNetTest, RepliesAroundTheBlockSize) {
     EXPECT_TRUE(std::string(buffer, length) == test::PatternBytes(bytes)) << bytes;
     delete[] buffer;
   }
+  // A block size of 0 reads the reply as text and drops it.
+  char* untouched = nullptr;
+  std::size_t length = 99;
+  EXPECT_EQ(TakeText(client->RetrieveBase64(0, Url("/base64/", 3072).c_str(), untouched, length)), "");
+  EXPECT_TRUE(untouched == nullptr && length == 99);
 }
 
 TEST_F(HttpClientNetTest, LongReplyInSmallBlocksTakesNoCopyPerBlock) {
