@@ -357,6 +357,12 @@ def run(mutants, report_path, whole):
     print(f'(written to {report_path.relative_to(ROOT)})')
 
 
+def killed_in(report):
+    """The mutants a report's progress lines show killed, keyed as the equivalents list is."""
+    found = re.findall(r'^\[\d+/\d+ +\d+s\] killed +(.+)$', report.read_text(encoding='utf-8'), re.M)
+    return {equivalence_key(d) for d in found}
+
+
 def restore_pending():
     if PENDING.exists():
         saved = json.loads(PENDING.read_text(encoding='utf-8'))
@@ -428,12 +434,20 @@ def main():
     parser.add_argument('--list', action='store_true', help='print the sampled mutants and stop')
     parser.add_argument('--matrix', action='store_true',
                         help='run every case on every mutant and report which cases kill what')
+    parser.add_argument('--recheck', metavar='REPORT',
+                        help='of the sample, run only the mutants that REPORT (an earlier run\'s output) '
+                             'shows killed: a survivor now is a fault the suite no longer sees')
     args = parser.parse_args()
     # Ended from outside, the run still restores its file on the way out (Ctrl-C does so anyway).
     for ending in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(ending, lambda number, frame: sys.exit(128 + number))
     restore_pending()
-    mutants, pool = sample(args.files, args.sample, args.seed)
+    # A recheck draws the sample the report drew, and --files then narrows what it runs.
+    mutants, pool = sample(None if args.recheck else args.files, args.sample, args.seed)
+    if args.recheck:
+        killed = killed_in(Path(args.recheck))
+        mutants = [m for m in mutants if equivalence_key(describe(m)) in killed
+                   and (not args.files or fnmatch.fnmatch(m.path, args.files))]
     if args.list:
         for m in mutants:
             print(f'{describe(m)}  [{m.kind}]')
