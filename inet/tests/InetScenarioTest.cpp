@@ -1,5 +1,8 @@
-// The recorded call sequences, run natively: libqorinet must give WinInet's trace call for call,
-// and where Wine falls short of Windows, the behaviour Windows documents.
+// The recorded call sequences, run natively. Step for step they are compared with Wine's
+// wininet.dll by WineTraceTest; here go what that comparison cannot see (what the server got),
+// the steps of one whole request, and the WinInet codes that only these sequences reach natively
+// (HttpClientNetTest's fault matrix gives the codes of refused, unresolved, reset, cut-short and
+// certificate failures through the engine).
 #include "Scenarios.h"
 #include "TraceSteps.h"
 #include "support/RawServer.h"
@@ -7,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <tuple>
 
@@ -42,68 +44,26 @@ std::string Show(const Lines& lines) {
   return text;
 }
 
-const Lines opening = {
-    "InternetOpenW -> root",
-    "InternetSetStatusCallbackW -> NULL",
-    "InternetConnectW(127.0.0.1) -> conn",
-    "  C 60 conn",
-};
-const Lines closing = {
-    "InternetCloseHandle(conn) -> TRUE",
-    "  70 conn",
-    "InternetSetStatusCallbackW(NULL) -> done",
-    "InternetCloseHandle(root) -> TRUE",
-};
-
-Lines Join(std::initializer_list<Lines> parts) {
-  Lines all;
-  for (const Lines& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
 TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
-  Lines expected = Join({opening,
-                         {
-                             "HttpOpenRequestA(POST /path) -> req",
-                             "  C 60 req",
-                             "HttpAddRequestHeadersW(REPLACE) -> TRUE",
-                             "HttpSendRequestExW(300) -> pending",
-                             "  W 10 \"127.0.0.1\"",
-                             "  W 11 \"127.0.0.1\"",
-                             "  W 20",
-                             "  W 21 \"127.0.0.1\"",
-                             "  W 30",
-                             "  W 31 651",
-                             "  W 100 (1,0)",
-                             "InternetWriteFile(300) -> 300",
-                             "HttpEndRequestW -> pending",
-                             "  W 40",
-                             "  W 41 16",
-                             "  W 100 (1,0)",
-                             "InternetReadFileExA(102400) -> 120",
-                             "InternetReadFileExA(102280) -> 0",
-                             "InternetCloseHandle(req) -> TRUE",
-                             "  70 req",
-                             // The second request finds the connection in the pool.
-                             "HttpOpenRequestA(POST php/SafeTrace.php) -> req",
-                             "  C 60 req",
-                             "HttpAddRequestHeadersW(REPLACE) -> TRUE",
-                             "HttpSendRequestExW(300) -> pending",
-                             "  W 30",
-                             "  W 31 664",
-                             "  W 100 (1,0)",
-                             "InternetWriteFile(300) -> 300",
-                             "HttpEndRequestW -> pending",
-                             "  W 40",
-                             "  W 41 16",
-                             "  W 100 (1,0)",
-                             "InternetReadFileExA(102400) -> 120",
-                             "InternetReadFileExA(102280) -> 0",
-                             "InternetCloseHandle(req) -> TRUE",
-                             "  70 req",
-                         },
-                         closing});
-  EXPECT_EQ(Run("normal"), expected);
+  Lines trace = Run("normal");
+  EXPECT_TRUE(HasRun(trace, {
+                                "HttpSendRequestExW(300) -> pending",
+                                "  W 10 \"127.0.0.1\"",
+                                "  W 11 \"127.0.0.1\"",
+                                "  W 20",
+                                "  W 21 \"127.0.0.1\"",
+                                "  W 30",
+                                "  W 31 651",
+                                "  W 100 (1,0)",
+                                "InternetWriteFile(300) -> 300",
+                                "HttpEndRequestW -> pending",
+                                "  W 40",
+                                "  W 41 16",
+                                "  W 100 (1,0)",
+                                "InternetReadFileExA(102400) -> 120",
+                                "InternetReadFileExA(102280) -> 0",
+                            }))
+      << Show(trace);
 
   const test::RawServer& server = servers->Raw("answer");
   EXPECT_EQ(server.Connections(), 1);
@@ -125,43 +85,6 @@ TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
   EXPECT_EQ(heads[0].headBytes, 651u);
 }
 
-TEST_F(InetScenarioTest, FailedSendCompletesWithItsErrorAndTheEndWithCancelled) {
-  for (auto [name, host, steps] : {std::tuple<const char*, const char*, Lines>{
-                                       "refused", "127.0.0.1",
-                                       {"  W 10 \"127.0.0.1\"", "  W 11 \"127.0.0.1\"", "  W 20", "  W 100 (0,12029)"}},
-                                   {"nohost", "no-such-host.invalid",
-                                    {"  W 10 \"no-such-host.invalid\"", "  W 100 (0,12007)"}}}) {
-    Lines expected = {"InternetOpenW -> root", "InternetSetStatusCallbackW -> NULL",
-                      "InternetConnectW(" + std::string(host) + ") -> conn", "  C 60 conn",
-                      "HttpOpenRequestA(POST /path) -> req", "  C 60 req", "HttpAddRequestHeadersW(REPLACE) -> TRUE",
-                      "HttpSendRequestExW(300) -> pending"};
-    expected.insert(expected.end(), steps.begin(), steps.end());
-    expected = Join({expected,
-                     {"HttpEndRequestW -> pending", "  W 100 (0,12017)", "InternetCloseHandle(req) -> TRUE", "  70 req"},
-                     closing});
-    EXPECT_EQ(Run(name), expected) << name;
-  }
-}
-
-TEST_F(InetScenarioTest, DeadHandlesFailAtOnceWithWinInetCodes) {
-  Lines trace = Run("handles");
-  EXPECT_TRUE(HasRun(trace, {
-                                "InternetCloseHandle(req) -> TRUE",
-                                "  70 req",
-                                "InternetCloseHandle(req) -> FALSE 6",
-                                "HttpAddRequestHeadersW(REPLACE) -> FALSE 12018",
-                                "HttpSendRequestExW(300) -> FALSE 12018",
-                                "InternetWriteFile(16) -> error 6",
-                                "HttpEndRequestW -> FALSE 12018",
-                                "InternetReadFileExA(16) -> error 6",
-                                "InternetCloseHandle(NULL) -> FALSE 6",
-                                "HttpOpenRequestA(POST /after) -> req",
-                            }))
-      << Show(trace);
-  EXPECT_TRUE(HasRun(trace, {"InternetCloseHandle(conn) -> TRUE", "  70 conn", "InternetCloseHandle(conn) -> FALSE 6"}))
-      << Show(trace);
-}
-
 // Steps a scenario's trace must hold, in a row.
 struct Passage {
   const char* behaviour;
@@ -171,27 +94,41 @@ struct Passage {
 
 TEST_F(InetScenarioTest, TracesHoldWinInetsSteps) {
   const Passage passages[] = {
+      {"a failed send leaves the end to complete as cancelled", "refused",
+       {"  W 20", "  W 100 (0,12029)", "HttpEndRequestW -> pending", "  W 100 (0,12017)"}},
+      {"calls on a closed request fail at once with WinInet's codes", "handles",
+       {
+           "InternetCloseHandle(req) -> TRUE",
+           "  70 req",
+           "InternetCloseHandle(req) -> FALSE 6",
+           "HttpAddRequestHeadersW(REPLACE) -> FALSE 12018",
+           "HttpSendRequestExW(300) -> FALSE 12018",
+           "InternetWriteFile(16) -> error 6",
+           "HttpEndRequestW -> FALSE 12018",
+           "InternetReadFileExA(16) -> error 6",
+           "InternetCloseHandle(NULL) -> FALSE 6",
+           "HttpOpenRequestA(POST /after) -> req",
+       }},
+      {"a closed connection handle is unknown", "handles",
+       {"InternetCloseHandle(conn) -> TRUE", "  70 conn", "InternetCloseHandle(conn) -> FALSE 6"}},
+      {"a certificate for another name fails without IGNORE_CERT_CN_INVALID", "https-wrongname",
+       {"  W 21 \"127.0.0.1\"", "  W 100 (0,12038)", "HttpEndRequestW -> pending", "  W 100 (0,12017)"}},
       {"upload ends with the rest of its last block", "bigpost",
        {"InternetWriteFile(20480) -> 20480", "HttpEndRequestW -> pending"}},
       {"download ends with an empty read", "bigreply",
        {"InternetReadFileExA(102400) -> 24576", "InternetReadFileExA(77824) -> 0"}},
       {"empty reply reads 0 at once", "emptyreply",
        {"  W 100 (1,0)", "InternetReadFileExA(102400) -> 0", "InternetCloseHandle(req) -> TRUE"}},
-      {"a 404 body reads like any other", "notfound",
-       {"  W 41 23", "  W 100 (1,0)", "InternetReadFileExA(102400) -> 18", "InternetReadFileExA(102382) -> 0"}},
-      {"a body cut short is an error", "midclose",
+      {"a body cut short hands out what came, then is an error", "midclose",
        {"InternetReadFileExA(102400) -> 4000", "InternetReadFileExA(98400) -> error 12030",
         "InternetCloseHandle(req) -> TRUE"}},
       {"no status line is an error", "noreply",
        {"HttpEndRequestW -> pending", "  W 40", "  W 100 (0,12152)", "InternetCloseHandle(req) -> TRUE"}},
-      {"a dropped pooled connection is replaced silently", "stale",
-       {"HttpOpenRequestA(POST /second) -> req", "  C 60 req", "HttpAddRequestHeadersW(REPLACE) -> TRUE",
-        "HttpSendRequestExW(300) -> pending", "  W 20", "  W 21 \"127.0.0.1\"", "  W 30", "  W 31 653",
-        "  W 100 (1,0)", "InternetWriteFile(300) -> 300"}},
   };
   std::map<std::string, Lines> traces;
   for (const Passage& passage : passages) {
-    Lines& trace = traces[passage.scenario] = Run(passage.scenario);
+    if (!traces.count(passage.scenario)) traces[passage.scenario] = Run(passage.scenario);
+    const Lines& trace = traces[passage.scenario];
     EXPECT_TRUE(HasRun(trace, passage.steps)) << passage.behaviour << "\n" << Show(trace);
   }
   // Whole blocks both ways, however the reply trickles in.
@@ -201,25 +138,6 @@ TEST_F(InetScenarioTest, TracesHoldWinInetsSteps) {
                                        {"trickle", "InternetReadFileExA", 10}}) {
     const Lines& trace = traces[scenario];
     EXPECT_EQ(std::count(trace.begin(), trace.end(), std::string(call) + "(102400) -> 102400"), count) << scenario;
-  }
-  EXPECT_EQ(servers->Raw("stale").Connections(), 2);
-}
-
-TEST_F(InetScenarioTest, CertificateVerdictsMapToWinInetCodes) {
-  for (auto [name, code] : {std::pair<const char*, const char*>{"https-untrusted", "12045"},
-                            {"https-wrongname", "12038"},
-                            {"https-expired", "12037"}}) {
-    Lines trace = Run(name);
-    EXPECT_TRUE(HasRun(trace, {"  W 21 \"127.0.0.1\"", std::string("  W 100 (0,") + code + ")",
-                               "HttpEndRequestW -> pending", "  W 100 (0,12017)"}))
-        << name << "\n"
-        << Show(trace);
-  }
-  for (const char* name : {"https-trusted", "https-wrongname-ignored"}) {
-    Lines trace = Run(name);
-    EXPECT_TRUE(HasRun(trace, {"InternetReadFileExA(102400) -> 300", "InternetReadFileExA(102100) -> 0"}))
-        << name << "\n"
-        << Show(trace);
   }
 }
 

@@ -440,15 +440,6 @@ std::vector<InetDriver::Note> InetDriver::Notes() const {
   return notes;
 }
 
-std::vector<DWORD> InetDriver::StatusesOf(HINTERNET handle) const {
-  std::lock_guard<std::mutex> guard(lock);
-  std::vector<DWORD> statuses;
-  for (const Note& note : notes) {
-    if (note.handle == handle) statuses.push_back(note.status);
-  }
-  return statuses;
-}
-
 bool InetDriver::CallbackAfterClosing() const {
   std::lock_guard<std::mutex> guard(lock);
   return lateCallback;

@@ -101,8 +101,6 @@ public:
   HINTERNET Request() const { return request; }
   std::vector<std::string> Trace() const;
   std::vector<Note> Notes() const;
-  // Statuses seen for `handle`, in order.
-  std::vector<DWORD> StatusesOf(HINTERNET handle) const;
   // A callback came for a handle after its HANDLE_CLOSING, or a second HANDLE_CLOSING.
   bool CallbackAfterClosing() const;
 
