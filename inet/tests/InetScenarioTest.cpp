@@ -71,17 +71,15 @@ TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
   ASSERT_EQ(heads.size(), 2u);
   EXPECT_EQ(heads[0].requestLine, "POST /path HTTP/1.1");
   EXPECT_EQ(heads[1].requestLine, "POST /php/SafeTrace.php HTTP/1.1");
+  // The values of Content-Type, Content-Length, User-Agent, Referer and Accept are pinned through
+  // the engine (HttpClientNetTest); the head's size pins the rest.
   std::vector<std::string> names;
   for (const auto& header : heads[0].headers) names.push_back(header.first);
   EXPECT_EQ(names, (std::vector<std::string>{"Referer", "Accept", "Content-Type", "Host", "Content-Length",
                                               "User-Agent", "Cache-Control", "Connection"}));
-  EXPECT_EQ(heads[0].Header("Content-Type"), "multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p");
   EXPECT_EQ(heads[0].Header("Host"), servers->Addresses()["answer"]);
-  EXPECT_EQ(heads[0].Header("Content-Length"), "300");
-  EXPECT_EQ(heads[0].Header("User-Agent"), "qorinet-test");
   EXPECT_EQ(heads[0].Header("Cache-Control"), "no-cache");
   EXPECT_EQ(heads[0].Header("Connection"), "Keep-Alive");
-  EXPECT_EQ(heads[0].Header("Accept").substr(0, 22), "image/gif, image/x-xbi");
   EXPECT_EQ(heads[0].headBytes, 651u);
 }
 

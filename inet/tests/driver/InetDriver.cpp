@@ -351,18 +351,13 @@ InetDriver::Result InetDriver::ReadAll(std::string& body, DWORD step) {
 
 // ---- closing ----
 
-BOOL InetDriver::CloseHandleOnly(HINTERNET handle) {
-  std::size_t index = BeginCall("InternetCloseHandle(" + [&] {
-    std::lock_guard<std::mutex> guard(lock);
-    return NameOf(handle);
-  }() + ")");
-  BOOL ok;
+InetDriver::Result InetDriver::CloseHandleOnly(HINTERNET handle) {
+  std::string name;
   {
-    CallScope scope(this);
-    ok = InternetCloseHandle(handle);
+    std::lock_guard<std::mutex> guard(lock);
+    name = NameOf(handle);
   }
-  EndCall(index, ok ? std::string("TRUE") : "FALSE " + std::to_string(GetLastError()));
-  return ok;
+  return Call("InternetCloseHandle(" + name + ")", false, nullptr, [&] { return InternetCloseHandle(handle); });
 }
 
 int InetDriver::ClosingsOf(HINTERNET handle) const {
@@ -380,11 +375,9 @@ bool InetDriver::WaitClosing(HINTERNET handle, int since, std::chrono::milliseco
 }
 
 InetDriver::Result InetDriver::CloseAndForget(HINTERNET& handle) {
-  Result result;
   int before = ClosingsOf(handle);
   bool isRoot = handle == root;
-  result.ok = CloseHandleOnly(handle) != FALSE;
-  if (!result.ok) result.error = GetLastError();
+  Result result = CloseHandleOnly(handle);
   // The root handle has no context, so it never reports HANDLE_CLOSING.
   if (result.ok && !isRoot) result.completed = WaitClosing(handle, before, closingWait);
   handle = nullptr;

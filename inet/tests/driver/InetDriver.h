@@ -88,7 +88,7 @@ public:
   // Closes whatever is still open, request first, as the engine's Disconnect does.
   void CloseAll();
   // Only the call, for closing from another thread: no wait, the handle stays known.
-  BOOL CloseHandleOnly(HINTERNET handle);
+  Result CloseHandleOnly(HINTERNET handle);
   // Waits for HANDLE_CLOSING of `handle` after `since` closings of it have been seen.
   bool WaitClosing(HINTERNET handle, int since, std::chrono::milliseconds time);
   int ClosingsOf(HINTERNET handle) const;
