@@ -21,8 +21,7 @@ using Lines = std::vector<std::string>;
 class InetScenarioTest : public testing::Test {
 protected:
   static void SetUpTestSuite() {
-    // Servers that stall hold for 30 s: a request that is cut short was cut by the close.
-    servers = test::StartServers(30000);
+    servers = test::StartServers();
     test::TrustTestCa(servers->Addresses());
   }
   static void TearDownTestSuite() {

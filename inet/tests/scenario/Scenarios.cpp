@@ -1,6 +1,5 @@
 #include "Scenarios.h"
 
-#include <functional>
 #include <thread>
 
 namespace QOR::inettest {
@@ -76,37 +75,6 @@ void Handles(InetDriver& driver, const ScenarioConfig& config) {
   driver.CloseHandleOnly(connection);
 }
 
-// The engine's cancel: a watchdog thread closes the request while the call `pend` left is pending.
-void CloseWhilePending(InetDriver& driver, const ScenarioConfig& config, const std::string& role,
-                       const std::function<void()>& pend) {
-  if (!Start(driver, config, role)) return;
-  driver.OpenRequest("/" + role);
-  driver.AddContentType();
-  driver.SendEx(300);
-  driver.WriteAll(std::string(300, 'b'));
-  HINTERNET request = driver.Request();
-  pend();
-  std::thread closer([&] {
-    std::this_thread::sleep_for(milliseconds(500));
-    driver.CloseHandleOnly(request);
-  });
-  driver.Wait();
-  closer.join();
-  driver.WaitClosing(request, 0, milliseconds(10000));
-}
-
-void CloseInEnd(InetDriver& driver, const ScenarioConfig& config) {
-  CloseWhilePending(driver, config, "stall", [&] { driver.End(false); });
-}
-
-void CloseInRead(InetDriver& driver, const ScenarioConfig& config) {
-  static char buffer[blockSize];
-  CloseWhilePending(driver, config, "stallbody", [&] {
-    driver.End();
-    driver.Read(buffer, sizeof buffer, false);
-  });
-}
-
 } // namespace
 
 const std::vector<ScenarioInfo>& AllScenarios() {
@@ -123,8 +91,6 @@ const std::vector<ScenarioInfo>& AllScenarios() {
       {"handles", Handles},
       {"midclose", nullptr, "cut", "/cut"},
       {"noreply", nullptr, "silent", "/silent"},
-      {"close-in-end", CloseInEnd},
-      {"close-in-read", CloseInRead},
       {"https-untrusted", nullptr, "untrusted", "/echo", 300, engineSecureFlags},
       {"https-trusted", nullptr, "secure", "/echo", 300, engineSecureFlags},
       {"https-wrongname", nullptr, "wronghost", "/echo", 300, secureStrictFlags},
