@@ -142,6 +142,19 @@ TEST(InetFaultTest, ResetInTheBodyIsConnectionResetAndTheLentBodyIsNotResent) {
   EXPECT_EQ(heads[1].connection, 1);
 }
 
+TEST(InetFaultTest, BytesThatCameBeforeABodyWasCutShortAreReadBeforeTheError) {
+  // "cut" announces 10 000 bytes, sends 4 000 and closes: the last byte is still there to read
+  // once the failure is known.
+  InetDriver driver;
+  ASSERT_TRUE(driver.Open() && driver.Connect(test::TheServers()["cut"]) && driver.OpenRequest("/cut"));
+  ASSERT_TRUE(driver.SendEx(0).ok && driver.End().ok);
+  char buffer[blockSize];
+  EXPECT_EQ(driver.Read(buffer, 3999).bytes, 3999u);
+  std::this_thread::sleep_for(milliseconds(500));
+  EXPECT_EQ(driver.Read(buffer, sizeof buffer).bytes, 1u);
+  EXPECT_EQ(driver.Read(buffer, sizeof buffer).error, static_cast<DWORD>(ERROR_INTERNET_CONNECTION_ABORTED));
+}
+
 TEST(InetFaultTest, ConnectTimeOutOptionEndsAConnectThatIsNeverAnswered) {
   BlackHole hole;
   InetDriver driver;
