@@ -117,7 +117,7 @@ void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD len
     }
   }
   notes.push_back(note);
-  events.push_back({false, Describe(note, text)});
+  lines.push_back(Describe(note, text));
   if (status == INTERNET_STATUS_REQUEST_COMPLETE) completions.push_back({note.result, note.error});
   changed.notify_all();
 }
@@ -155,13 +155,13 @@ std::string InetDriver::NameOf(HINTERNET handle) const {
 
 std::size_t InetDriver::BeginCall(const std::string& text) {
   std::lock_guard<std::mutex> guard(lock);
-  events.push_back({true, text});
-  return events.size() - 1;
+  lines.push_back(text);
+  return lines.size() - 1;
 }
 
 void InetDriver::EndCall(std::size_t index, const std::string& outcome) {
   std::lock_guard<std::mutex> guard(lock);
-  events[index].text += " -> " + outcome;
+  lines[index] += " -> " + outcome;
 }
 
 InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait,
@@ -423,8 +423,6 @@ InetDriver::Result InetDriver::Post(const std::string& object, const std::string
 
 std::vector<std::string> InetDriver::Trace() const {
   std::lock_guard<std::mutex> guard(lock);
-  std::vector<std::string> lines;
-  for (const Event& event : events) lines.push_back(event.text);
   return lines;
 }
 

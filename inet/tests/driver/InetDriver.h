@@ -118,11 +118,6 @@ private:
   std::string NameOf(HINTERNET handle) const;
   std::string Describe(const Note& note, const std::string& text) const;
 
-  struct Event {
-    bool isCall;
-    std::string text;
-  };
-
   const std::string agent;
   std::chrono::milliseconds completionWait{20000};
   std::chrono::milliseconds closingWait{5000};
@@ -136,7 +131,7 @@ private:
 
   mutable std::mutex lock;
   std::condition_variable changed;
-  std::vector<Event> events;
+  std::vector<std::string> lines; // the trace
   std::vector<Note> notes;
   std::vector<INTERNET_ASYNC_RESULT> completions;
   std::map<HINTERNET, std::string> names;
