@@ -33,6 +33,8 @@ TEST(UtilityTest, ConvertsBetweenCodePages) {
     EXPECT_EQ(Narrow(u"x", 932), "<null>");
   }
   EXPECT_EQ(ConvertToMultibyte(static_cast<const char16_t*>(nullptr), 0, nullptr), nullptr);
+  std::unique_ptr<char[]> fromWide(ConvertToMultibyte(L"wide \u00e9", 65001, nullptr));
+  EXPECT_STREQ(fromWide.get(), "wide \xC3\xA9");
 
   EXPECT_EQ(Wide("Gr\xC3\xBC\xC3\x9F" "e", 65001), String(u"Grüße"));
   EXPECT_EQ(Wide("\xE9\x80", 1252), String(u"é€"));

@@ -1,10 +1,8 @@
-#include "ChildProcess.h"
+#include "ToolRun.h"
 
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -14,8 +12,7 @@ extern char** environ;
 
 namespace QOR::test {
 
-ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::string>& arguments,
-                  const std::map<std::string, std::string>& extraEnvironment, int timeoutSeconds) {
+ChildRun Qorxml(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& extraEnvironment) {
   static int runs = 0;
   auto stem = std::filesystem::temp_directory_path() /
               ("qorxml-child-" + std::to_string(getpid()) + "-" + std::to_string(++runs));
@@ -27,7 +24,7 @@ ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::s
   posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
 
-  std::vector<std::string> args{program.string()};
+  std::vector<std::string> args{QORXML_EXE};
   args.insert(args.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
@@ -47,7 +44,7 @@ ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::s
   bool started = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0;
   posix_spawn_file_actions_destroy(&actions);
   if (started) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(childTimeoutSeconds);
     int status = 0;
     while (waitpid(pid, &status, WNOHANG) == 0) {
       if (std::chrono::steady_clock::now() > deadline) {
