@@ -12,7 +12,7 @@
 namespace QOR::test {
 
 struct ChildRun {
-  int exitStatus = -1; // -1 if it could not start or was killed
+  int exitStatus = -1; // -1 if it could not start or was killed (natively 127 and 137: shell, timeout)
   std::string out;
   std::string err;
 };
