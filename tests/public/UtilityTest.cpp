@@ -49,20 +49,6 @@ TEST(UtilityTest, RemovesLeadingFolders) {
   EXPECT_EQ(RemoveLeadPath(String(u"folder/")), String());
 }
 
-std::string logged;
-void Capture(const ErrorInfo& error) { logged += error.FullText().ToUtf8() + "|"; }
-
-TEST(UtilityTest, LogAndResetErrorHandsTheChainToTheSink) {
-  SetErrorSink(&Capture);
-  logged.clear();
-  ErrorInfo* error = SafeConcat(MakeError(String(u"first")), MakeError(String(u"second")));
-  LogAndResetError(error);
-  EXPECT_EQ(error, nullptr);
-  LogAndResetError(error); // null does nothing
-  SetErrorSink(nullptr);
-  EXPECT_EQ(logged, "first; second|");
-}
-
 TEST(UtilityTest, SystemErrorTexts) {
   SetLastError(6);
   EXPECT_EQ(GetLastError(), 6u);
