@@ -3,7 +3,7 @@
 //   a reply of more than 4 GiB             refused, the buffer released
 //   a reply line of 100 MB                 read into a query's document
 //   a document of 10 million tags          read, and written again
-// The 1 GB upload file runs in bench/bench_http (its peak beside libcurl's), and the body of
+// A 1 GiB upload file runs in bench/bench_http (its peak beside libcurl's), and the body of
 // 4 GiB or more is refused in the http tests (HttpClientTest, RequestBodyTest).
 #include <qorxmlu/http/HttpClient.h>
 #include <qorxmlu/query/SimpleSoap.h>
