@@ -2,6 +2,7 @@
 #include <qorxmlu/foundation/LineParsableFile.h>
 #include <qorxmlu/foundation/ParsableText.h>
 #include <qorxmlu/foundation/ReadableFile.h>
+#include <qorxmlu/foundation/WriteableFile.h>
 
 #include "TempDir.h"
 
@@ -123,26 +124,41 @@ TEST(FileTest, MissingFileNamesPathAndReason) {
   EXPECT_NE(folderError, nullptr);
 }
 
-TEST(FileTest, ReadsExactlyOrReportsTheShortRead) {
+TEST(FileTest, RawBytesWrittenAreReadExactlyOrTheShortReadIsReported) {
   test::TempDir dir;
-  ReadableFile file(dir.Write("data", std::string("\0\x01\x02\x03", 4)));
+  WriteableFile out(dir.File("data"));
+  ASSERT_EQ(out.Open(false), nullptr);
+  ASSERT_EQ(out.Write("\0\x01", 2), nullptr);
+  ASSERT_EQ(out.Write("\x02\x03", 2), nullptr);
+  EXPECT_EQ(out.Position(), 4u);
+  ASSERT_EQ(out.Flush(true), nullptr);
+  ASSERT_EQ(out.Close(), nullptr);
+  ReadableFile file(dir.File("data"));
   ASSERT_EQ(file.Open(), nullptr);
   EXPECT_EQ(file.GetFileSize(), 4u);
   char buffer[8] = {};
-  ASSERT_EQ(file.ReadFile(buffer, 2), nullptr);
-  EXPECT_EQ(buffer[1], 1);
+  ASSERT_EQ(file.ReadFile(buffer, 1), nullptr);
+  std::size_t got = 99;
+  EXPECT_EQ(file.ReadFile(buffer, 2, &got), nullptr);
+  EXPECT_EQ(got, 2u);
+  EXPECT_EQ(buffer[1], 2);
   std::unique_ptr<ErrorInfo> shortRead(file.ReadFile(buffer, 4));
   ASSERT_NE(shortRead, nullptr);
   EXPECT_NE(shortRead->Text().Find(u"Unexpected end of file"), -1);
-  std::size_t got = 99;
   EXPECT_EQ(file.ReadFile(buffer, 4, &got), nullptr);
   EXPECT_EQ(got, 0u);
   EXPECT_EQ(file.Close(), nullptr);
 }
 
-TEST(FileTest, FormatableTextFileWritesMarkOnlyAtTheStart) {
+TEST(FileTest, FormatableTextFileWritesItsTextWholeAndTheMarkOnlyAtTheStart) {
   test::TempDir dir;
   String path = dir.File("out.txt");
+  std::u16string big; // pairs cross every block boundary of the encoder
+  std::string bigBytes;
+  for (int i = 0; i < 100000; ++i) {
+    big += u"ab😀";
+    bigBytes += "ab\xF0\x9F\x98\x80";
+  }
   // Each row opens the file (appending or anew), flushes its texts in order, and closes it.
   struct {
     bool append;
@@ -153,6 +169,7 @@ TEST(FileTest, FormatableTextFileWritesMarkOnlyAtTheStart) {
       {true, {{u"3", BaseFile::UTF8WithMark}}, "Gr\xC3\xBC\xC3\x9F" "e\r\n2\r\n3"}, // not at the start: no mark
       {false, {{u"é", BaseFile::UTF8WithMark}}, "\xEF\xBB\xBF\xC3\xA9"},
       {false, {{u"a😀", BaseFile::UTF16LE}}, std::string("\xFF\xFE" "a\0\x3D\xD8\x00\xDE", 8)},
+      {false, {{String(big), BaseFile::UTF8}}, bigBytes}, // written whole
   };
   for (const auto& row : rows) {
     FormatableTextFile file(path);
@@ -168,18 +185,6 @@ TEST(FileTest, FormatableTextFileWritesMarkOnlyAtTheStart) {
   // Made for its owner to read and write again, whoever runs this.
   auto owner = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
   EXPECT_EQ(std::filesystem::status(dir.Path("out.txt")).permissions() & owner, owner);
-}
-
-TEST(FileTest, LargeTextIsWrittenWhole) {
-  test::TempDir dir;
-  FormatableTextFile file(dir.File("big.txt"));
-  ASSERT_EQ(file.Open(false), nullptr);
-  std::u16string units;
-  for (int i = 0; i < 100000; ++i) units += u"ab😀"; // pairs cross every chunk boundary
-  file.text = String(units);
-  ASSERT_EQ(file.FlushFile(false, BaseFile::UTF8), nullptr);
-  ASSERT_EQ(file.Close(), nullptr);
-  EXPECT_EQ(String::FromUtf8(dir.Read("big.txt")), String(units));
 }
 
 TEST(FileTest, WritingWhereNoFileCanBeGivesAnError) {

@@ -31,8 +31,19 @@ Texts FieldsOf(const SimpleSoap& soap) {
   return fields;
 }
 
-TEST(SimpleSoapTest, CopyAndAssignmentThrowTheirTexts) {
-  SimpleSoap source(u"a", 1, u"one");
+TEST(SimpleSoapTest, KeepsWhatItWasGivenAndRefusesCopiesWithTheirTexts) {
+  SimpleSoap source("service/echo", 3, "sub");
+  source.AddParameter("a", "1");
+  source.AddParameter("a", "2");
+  source.AddFileUploadParam("file.bin");
+  EXPECT_EQ(source.GetUrl(), u"service/echo");
+  EXPECT_EQ(source.QueryID(), 3u);
+  EXPECT_EQ(source.QuerySubID(), u"sub");
+  EXPECT_EQ(source.FileUploadParam(), u"file.bin");
+  ASSERT_EQ(source.GetNames().Size(), 2u);
+  EXPECT_EQ(source.GetNames()[1], u"a");
+  EXPECT_EQ(source.GetValues()[1], u"2");
+
   SimpleSoap target(u"b", 2, u"two");
   try {
     SimpleSoap copy(source);
@@ -77,19 +88,15 @@ TEST_F(RunQueryTest, SendsParametersInOrderWithTheUploadAndReplacesTheReply) {
   EXPECT_EQ(soap.QueryID(), 7u);
 }
 
-TEST_F(RunQueryTest, FailedRequestKeepsThePreviousReply) {
-  SimpleSoap soap(u"order", 0, u"");
-  ASSERT_EQ(TakeText(soap.RunQuery(client.get())), "");
-  // A failed request leaves the previous reply in place.
-  auto refused = ClientOf(test::TheSoapService().refused);
-  EXPECT_NE(TakeText(soap.RunQuery(refused.get())), "");
-  EXPECT_NE(soap.TopTag()->FindNestedTag(u"Order"), nullptr);
-  // The reader's errors: SoapQueueTest.StatusTagsDecideTheOutcome.
-}
-
 TEST_F(RunQueryTest, ResultFileTakesTheRawReplyAndTheDocumentStays) {
   SimpleSoap soap(u"order", 0, u"");
   ASSERT_EQ(TakeText(soap.RunQuery(client.get())), "");
+  // A failed request leaves the previous reply in place. The reader's errors:
+  // SoapQueueTest.StatusTagsDecideTheOutcome.
+  auto refused = ClientOf(test::TheSoapService().refused);
+  EXPECT_NE(TakeText(soap.RunQuery(refused.get())), "");
+  EXPECT_NE(soap.TopTag()->FindNestedTag(u"Order"), nullptr);
+
   SimpleSoap page(u"answer", 0, u"");
   page.AddParameter(u"reply", u"no xml \u20ac\r\nat all");
   page.SetHtmlResult(folder.File("result.html"));

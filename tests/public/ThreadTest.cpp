@@ -142,18 +142,40 @@ private:
   bool& destroyed;
 };
 
-TEST(ThreadTest, DeletesTheStopEventOnlyWhenHandedOver) {
+std::atomic<int> bareRuns{0};
+
+// Stops nothing in its destructor: the base destructor is what ends it.
+class BareThread : public Thread {
+public:
+  BareThread() : Thread("BareThread", nullptr, false) { AllowLateStart(std::chrono::milliseconds(50)); }
+
+protected:
+  ErrorInfo* ThreadBody(bool& finished) override {
+    ++bareRuns;
+    finished = true;
+    return nullptr;
+  }
+};
+
+// Destroyed while it runs, or before its late start is due: the thread stops (and a late one never
+// runs), and only a stop event handed over goes with it.
+TEST(ThreadTest, ADestroyedThreadStopsAndDeletesOnlyAStopEventHandedOver) {
   bool handedOverDestroyed = false, keptDestroyed = false;
   TrackedEvent kept(keptDestroyed);
+  bareRuns = 0;
   {
     TestThread handedOver(UntilStopped, new TrackedEvent(handedOverDestroyed), false);
     TestThread keeping(UntilStopped, &kept, true);
+    BareThread late;
     ASSERT_EQ(handedOver.StartRunning(), nullptr);
     ASSERT_EQ(keeping.StartRunning(), nullptr);
-  } // both destroyed while running
+    ASSERT_EQ(late.StartRunning(), nullptr);
+  }
   EXPECT_TRUE(handedOverDestroyed);
   EXPECT_FALSE(keptDestroyed);
   EXPECT_TRUE(kept.IsSet());
+  std::this_thread::sleep_for(150ms); // past the grace: nothing may be dispatched any more
+  EXPECT_EQ(bareRuns.load(), 0);
 }
 
 // Bodies that only end together need an OS thread each: the pool must never queue a job
@@ -176,7 +198,7 @@ TEST(ThreadTest, ManyThreadsRunAtOnce) {
   EXPECT_EQ(arrived.load(), count);
 }
 
-TEST(ThreadTest, LateStartRunsTheBodyOnTheStopperOrAfterTheGrace) {
+TEST(ThreadTest, LateStartRunsTheBodyOnTheStopperOrAfterTheGraceAlsoAfterAWithdrawnStart) {
   std::thread::id ranOn;
   bool stopWasSet = false;
   auto start = std::chrono::steady_clock::now();
@@ -211,13 +233,8 @@ TEST(ThreadTest, LateStartRunsTheBodyOnTheStopperOrAfterTheGrace) {
   EXPECT_FALSE(stopWasSet);
   EXPECT_GE(startedAfter, 30ms);
   EXPECT_LT(startedAfter, 5s);
-}
 
-TEST(ThreadTest, AStartWithdrawnBeforeTheStarterLookedLeavesTheNextOnTime) {
-  TestThread thread([](TestThread&, bool& finished) -> ErrorInfo* {
-    finished = true;
-    return nullptr;
-  });
+  // A start withdrawn before the starter looked leaves the next one on time.
   thread.LateStart(20ms);
   for (int round = 0; round < 20; ++round) {
     // Withdrawn at once: the starter, woken for it, may find nothing left.
@@ -230,32 +247,7 @@ TEST(ThreadTest, AStartWithdrawnBeforeTheStarterLookedLeavesTheNextOnTime) {
     while (thread.Running() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
     ASSERT_FALSE(thread.Running()) << "round " << round << ": the late start never came";
   }
-  EXPECT_EQ(thread.passes.load(), 40);
-}
-
-std::atomic<int> bareRuns{0};
-
-// Stops nothing in its destructor: the base destructor is what ends it.
-class BareThread : public Thread {
-public:
-  BareThread() : Thread("BareThread", nullptr, false) { AllowLateStart(std::chrono::milliseconds(50)); }
-
-protected:
-  ErrorInfo* ThreadBody(bool& finished) override {
-    ++bareRuns;
-    finished = true;
-    return nullptr;
-  }
-};
-
-TEST(ThreadTest, ALateStartingThreadDestroyedBeforeItsStartNeverRuns) {
-  bareRuns = 0;
-  {
-    BareThread thread;
-    ASSERT_EQ(thread.StartRunning(), nullptr);
-  }
-  std::this_thread::sleep_for(150ms); // past the grace: nothing may be dispatched any more
-  EXPECT_EQ(bareRuns.load(), 0);
+  EXPECT_EQ(thread.passes.load(), 42);
 }
 
 // Quick starts and stops from several threads: of a body that finishes, of one that waits for

@@ -1,9 +1,7 @@
-#include "ChildProcess.h"
+#include "ToolRun.h"
 
 #include <windows.h>
 
-#include <fstream>
-#include <iterator>
 
 namespace QOR::test {
 
@@ -45,8 +43,7 @@ HANDLE InheritableFile(const std::filesystem::path& path, DWORD access, DWORD di
 
 } // namespace
 
-ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::string>& arguments,
-                  const std::map<std::string, std::string>& extraEnvironment, int timeoutSeconds) {
+ChildRun Qorxml(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& extraEnvironment) {
   static int runs = 0;
   auto stem = std::filesystem::temp_directory_path() /
               ("qorxml-child-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++runs));
@@ -54,7 +51,7 @@ ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::s
   for (const auto& [name, value] : extraEnvironment)
     SetEnvironmentVariableW(std::filesystem::u8path(name).c_str(), std::filesystem::u8path(value).c_str());
 
-  std::filesystem::path executable = WindowsPath(program);
+  std::filesystem::path executable = WindowsPath(QORXML_EXE);
   std::wstring commandLine = Quoted(executable.wstring());
   for (const std::string& argument : arguments)
     commandLine += L" " + Quoted(std::filesystem::u8path(argument).wstring());
@@ -69,7 +66,7 @@ ChildRun RunChild(const std::filesystem::path& program, const std::vector<std::s
   ChildRun run;
   if (CreateProcessW(executable.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
                      &process)) {
-    if (WaitForSingleObject(process.hProcess, static_cast<DWORD>(timeoutSeconds) * 1000) == WAIT_OBJECT_0) {
+    if (WaitForSingleObject(process.hProcess, static_cast<DWORD>(childTimeoutSeconds) * 1000) == WAIT_OBJECT_0) {
       DWORD code = 0;
       if (GetExitCodeProcess(process.hProcess, &code)) run.exitStatus = static_cast<int>(code);
     } else {

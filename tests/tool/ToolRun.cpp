@@ -9,10 +9,6 @@
 
 namespace QOR::test {
 
-ChildRun Qorxml(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment) {
-  return RunChild(QORXML_EXE, arguments, environment);
-}
-
 namespace {
 
 struct ServiceOfTheRun {
