@@ -5,6 +5,8 @@
 // any write past it), or arbitrary bytes encoded here, decoded by the library and compared.
 #include <qorxmlu/foundation/Encoding.h>
 
+#include "FormParts.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -44,21 +46,6 @@ std::string ReferenceDecode(std::string_view text) {
   return bytes;
 }
 
-std::string Encode(std::string_view bytes) {
-  static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    std::uint32_t group = static_cast<unsigned char>(bytes[i]) << 16;
-    if (i + 1 < bytes.size()) group |= static_cast<unsigned char>(bytes[i + 1]) << 8;
-    if (i + 2 < bytes.size()) group |= static_cast<unsigned char>(bytes[i + 2]);
-    text += digits[group >> 18 & 63];
-    text += digits[group >> 12 & 63];
-    text += i + 1 < bytes.size() ? digits[group >> 6 & 63] : '=';
-    text += i + 2 < bytes.size() ? digits[group & 63] : '=';
-  }
-  return text;
-}
-
 // The library's decoding of zero-terminated text, into a block of exactly the size it asks for.
 std::string Decode(const std::string& text) {
   const std::size_t need = CalculateRequiredDecodeOutputBufferSize(text.c_str());
@@ -80,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
   if (data[0] & 1) {
     const std::string bytes(rest);
-    if (Decode(Encode(bytes)) != bytes) {
+    if (Decode(test::Base64Text(bytes)) != bytes) {
       std::fprintf(stderr, "encoded bytes do not decode back\n");
       std::abort();
     }

@@ -1,5 +1,5 @@
 // libFuzzer target for the request body builder: random fields and an optional file, the body
-// parsed back by a multipart/form-data parser of its own (RFC 2046 framing, RFC 7578 headers)
+// parsed back by the tests' own multipart/form-data parser (RFC 2046 framing, RFC 7578 headers)
 // and held against what went in.
 //
 // Nothing in the body is escaped, so a name with a quote or a line end, or a value that holds
@@ -8,6 +8,8 @@
 #include <qorxmlu/http/HttpClient.h>
 
 #include <fuzzer/FuzzedDataProvider.h>
+
+#include "FormParts.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -26,85 +28,11 @@ using namespace QOR;
 
 const std::string boundary = "gc0p4Jq0M2Yt08jU534c0p";
 
-struct Part {
-  std::string name;
-  std::optional<std::string> fileName;
-  std::string contentType;
-  std::string transferEncoding;
-  std::string content;
-  bool operator==(const Part&) const = default;
-};
+using Part = test::FormPart;
 
 [[noreturn]] void Fail(const char* what) {
   std::fprintf(stderr, "%s\n", what);
   std::abort();
-}
-
-// Reads form-data; name="..."[; filename="..."] from left to right; false when malformed.
-bool ParseDisposition(std::string_view value, Part& part) {
-  constexpr std::string_view lead = "form-data; name=\"", file = "; filename=\"";
-  if (!value.starts_with(lead)) return false;
-  value.remove_prefix(lead.size());
-  std::size_t quote = value.find('"');
-  if (quote == std::string_view::npos) return false;
-  part.name = value.substr(0, quote);
-  value.remove_prefix(quote + 1);
-  if (value.empty()) return true;
-  if (!value.starts_with(file) || !value.ends_with('"') || value.size() < file.size() + 1) return false;
-  part.fileName = std::string(value.substr(file.size(), value.size() - file.size() - 1));
-  return true;
-}
-
-// One part: header lines, an empty line, the content. Nullopt when the headers are malformed.
-std::optional<Part> ParsePart(std::string_view text) {
-  std::size_t split = text.find("\r\n\r\n");
-  if (split == std::string_view::npos) return std::nullopt;
-  Part part;
-  part.content = std::string(text.substr(split + 4));
-  std::string_view headers = text.substr(0, split + 2);
-  bool disposition = false;
-  while (!headers.empty()) {
-    std::size_t end = headers.find("\r\n");
-    std::string_view line = headers.substr(0, end);
-    headers.remove_prefix(end + 2);
-    std::size_t colon = line.find(": ");
-    if (colon == std::string_view::npos) return std::nullopt;
-    std::string_view key = line.substr(0, colon), value = line.substr(colon + 2);
-    if (key == "Content-Disposition") {
-      if (!ParseDisposition(value, part)) return std::nullopt;
-      disposition = true;
-    } else if (key == "Content-Type") {
-      part.contentType = value;
-    } else if (key == "Content-Transfer-Encoding") {
-      part.transferEncoding = value;
-    }
-  }
-  if (!disposition) return std::nullopt;
-  return part;
-}
-
-// Splits a body at its delimiters. An empty preamble and no epilogue are all this sender makes;
-// anything else is an error (nullopt).
-std::optional<std::vector<Part>> ParseBody(std::string_view body) {
-  const std::string delimiter = "\r\n--" + boundary;
-  std::string framed = "\r\n" + std::string(body);
-  std::string_view rest = framed;
-  // The first delimiter may stand at the very start, or behind one line end (empty preamble).
-  if (rest.starts_with("\r\n\r\n--" + boundary)) rest.remove_prefix(2);
-  if (!rest.starts_with(delimiter)) return std::nullopt;
-  std::vector<Part> parts;
-  for (;;) {
-    rest.remove_prefix(delimiter.size());
-    if (rest == "--") return parts;
-    if (!rest.starts_with("\r\n")) return std::nullopt;
-    rest.remove_prefix(2);
-    std::size_t next = rest.find(delimiter);
-    if (next == std::string_view::npos) return std::nullopt;
-    auto part = ParsePart(rest.substr(0, next));
-    if (!part) return std::nullopt;
-    parts.push_back(std::move(*part));
-    rest.remove_prefix(next);
-  }
 }
 
 const std::filesystem::path& Folder() {
@@ -162,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   delete[] buffer;
   if (!body.ends_with("\r\n--" + boundary + "--")) Fail("the body does not end with the closing delimiter");
   if (parsable) {
-    auto parts = ParseBody(body);
+    auto parts = test::ParseForm(body, boundary);
     if (!parts) Fail("the body does not parse");
     if (*parts != expected) Fail("the parts differ from the form");
   }

@@ -1,6 +1,7 @@
 // The servers of TestServers.h, started in this process.
 #include "TestServers.h"
 
+#include "FormParts.h"
 #include "LoopbackServer.h"
 #include "RawServer.h"
 #include "TestPki.h"
@@ -18,21 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-std::string Base64(const std::string& bytes) {
-  static const char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string text;
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    unsigned group = static_cast<unsigned char>(bytes[i]) << 16;
-    if (i + 1 < bytes.size()) group |= static_cast<unsigned char>(bytes[i + 1]) << 8;
-    if (i + 2 < bytes.size()) group |= static_cast<unsigned char>(bytes[i + 2]);
-    text += digits[(group >> 18) & 63];
-    text += digits[(group >> 12) & 63];
-    text += i + 1 < bytes.size() ? digits[(group >> 6) & 63] : '=';
-    text += i + 2 < bytes.size() ? digits[group & 63] : '=';
-  }
-  return text;
-}
-
 std::string ReplyDocument(const std::string& payload) {
   return "<?xml version=\"1.0\"?>\r\n<Reply>\r\n\t<Success>0</Success>\r\n" + payload + "</Reply>\r\n";
 }
@@ -40,45 +26,6 @@ std::string ReplyDocument(const std::string& payload) {
 const std::string replyDocument = ReplyDocument("");
 
 // ---- the fake web service (see SoapService.h) ----
-
-struct FormPart {
-  std::string name;
-  std::string fileName;
-  bool isFile = false;
-  std::string content;
-};
-
-// The text between `key="` and the next quote in a part's headers.
-bool QuotedValue(const std::string& headers, const std::string& key, std::string& value) {
-  std::size_t start = headers.find(key + "=\"");
-  if (start == std::string::npos) return false;
-  start += key.size() + 2;
-  value = headers.substr(start, headers.find('"', start) - start);
-  return true;
-}
-
-std::vector<FormPart> ParseForm(const std::string& body, const std::string& boundary) {
-  std::vector<FormPart> parts;
-  const std::string delimiter = "--" + boundary;
-  for (std::size_t at = body.find(delimiter); at != std::string::npos;) {
-    std::size_t start = at + delimiter.size();
-    if (body.compare(start, 2, "--") == 0) break; // the closing delimiter
-    start += 2;
-    std::size_t next = body.find("\r\n" + delimiter, start);
-    if (next == std::string::npos) break;
-    std::string part = body.substr(start, next - start);
-    std::size_t headersEnd = part.find("\r\n\r\n");
-    if (headersEnd == std::string::npos) break;
-    std::string headers = part.substr(0, headersEnd);
-    FormPart parsed;
-    QuotedValue(headers, " name", parsed.name);
-    parsed.isFile = QuotedValue(headers, "filename", parsed.fileName);
-    parsed.content = part.substr(headersEnd + 4);
-    parts.push_back(std::move(parsed));
-    at = next + 2;
-  }
-  return parts;
-}
 
 std::string FieldValue(const std::vector<FormPart>& parts, const std::string& name) {
   for (const FormPart& part : parts)
@@ -119,7 +66,8 @@ private:
     path = path.substr(0, path.find(' '));
     std::string type = head.Header("Content-Type");
     std::size_t boundaryAt = type.find("boundary=");
-    auto parts = ParseForm(body, boundaryAt == std::string::npos ? "" : type.substr(boundaryAt + 9));
+    const auto parts = ParseForm(body, boundaryAt == std::string::npos ? "" : type.substr(boundaryAt + 9))
+                           .value_or(std::vector<FormPart>());
     if (path == "/slow") {
       reply = FieldValue(parts, "reply");
       return connection.Hold(Milliseconds(std::stol("0" + FieldValue(parts, "ms"))));
@@ -131,7 +79,7 @@ private:
       std::string payload;
       for (const FormPart& part : parts) {
         payload += "\t<Field name=\"" + part.name + "\"";
-        if (part.isFile) payload += " file=\"" + part.fileName + "\"";
+        if (part.fileName) payload += " file=\"" + *part.fileName + "\"";
         payload += ">" + part.content + "</Field>\r\n";
       }
       reply = ReplyDocument(payload);
@@ -305,7 +253,7 @@ private:
       response.set_content(text + "\n" + request.body, "application/octet-stream");
     });
     routes.Post(R"(/base64/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
-      response.set_content(Base64(PatternBytes(std::stoul(request.matches[1]))), "text/plain");
+      response.set_content(Base64Text(PatternBytes(std::stoul(request.matches[1]))), "text/plain");
     });
     routes.Post(R"(/text/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
       std::string text;
