@@ -245,9 +245,8 @@ std::vector<std::string> EpollRegistrations() {
 }
 
 TEST(InetCallTest, PooledConnectionStaysRegisteredBetweenRequestsPlainOrSecure) {
-  test::TestPki pki;
-  test::TestPki::ServerFiles files = pki.Issue("server", test::TestPki::Options{});
-  setenv("SSL_CERT_FILE", pki.CaFile().c_str(), 1);
+  test::TestPki::ServerFiles files = test::TestPki::Server(test::TestPki::Kind::trusted);
+  setenv("SSL_CERT_FILE", test::TestPki::CaFile().c_str(), 1);
   LoopbackServer plain, secure(files.certificate, files.key);
   for (auto [server, flags] : {std::pair{&plain, engineFlags}, std::pair{&secure, engineSecureFlags}}) {
     server->Start();

@@ -1,47 +1,35 @@
-// A certificate authority made at test time with OpenSSL, and server certificates issued by it
-// (or signed by themselves), written as PEM files into a folder of its own.
+// The certificates of the test servers: files made once by pki/make.sh and committed, with fixed
+// dates (the valid ones until 2049): the test CA, and a server certificate and key of each kind.
 #pragma once
 
-#include <filesystem>
-#include <memory>
 #include <string>
 
 namespace QOR::test {
 
 class TestPki {
 public:
-  // The PEM files of one server certificate and its key.
+  enum class Kind {
+    trusted,   // issued by the test CA for 127.0.0.1
+    untrusted, // the same, signed by itself
+    expired,   // issued by the test CA, valid in 2020 only
+    wronghost, // issued by the test CA for wrong.example.invalid
+  };
   struct ServerFiles {
-    std::string certificate;
-    std::string key;
-  };
-  struct Options {
-    std::string commonName = "127.0.0.1";
-    bool addressInAltName = true; // subjectAltName IP:127.0.0.1
-    bool selfSigned = false;      // not issued by this CA
-    long validFromDays = -1;      // relative to now
-    long validToDays = 30;
+    std::string certificate; // PEM
+    std::string key;         // PEM
   };
 
-  TestPki();
-  ~TestPki();
-  TestPki(const TestPki&) = delete;
-  TestPki& operator=(const TestPki&) = delete;
-
-  // The CA certificate (PEM), for SSL_CERT_FILE or a trust store.
-  const std::string& CaFile() const { return caFile; }
-  // The CA certificate in DER form, for stores that take that.
-  const std::string& CaDerFile() const { return caDerFile; }
-  // Issues a server certificate; `name` keeps the files apart.
-  ServerFiles Issue(const std::string& name, const Options& options);
+  // The CA certificate as PEM (for SSL_CERT_FILE) and as DER (for a Windows trust store).
+  static std::string CaFile() { return Folder() + "ca.pem"; }
+  static std::string CaDerFile() { return Folder() + "ca.der"; }
+  static ServerFiles Server(Kind kind) {
+    static const char* const names[] = {"trusted", "untrusted", "expired", "wronghost"};
+    const std::string name = Folder() + names[static_cast<int>(kind)];
+    return {name + ".pem", name + ".key"};
+  }
 
 private:
-  struct Keys;
-  std::filesystem::path folder;
-  std::unique_ptr<Keys> keys;
-  std::string caFile;
-  std::string caDerFile;
-  long serial = 1;
+  static std::string Folder() { return QORXMLU_TEST_PKI "/"; }
 };
 
 } // namespace QOR::test

@@ -116,19 +116,11 @@ public:
   explicit LocalServers(int holdMs) {
     Milliseconds hold(holdMs);
     AddPlain();
-    TestPki::Options options;
-    AddTls("secure", options);
-    options.selfSigned = true;
-    AddTls("untrusted", options);
-    options = {};
-    options.validFromDays = -60;
-    options.validToDays = -30;
-    AddTls("expired", options);
-    options = {};
-    options.commonName = "wrong.example.invalid";
-    options.addressInAltName = false;
-    AddTls("wronghost", options);
-    AddTls("wronghost2", options);
+    AddTls("secure", TestPki::Kind::trusted);
+    AddTls("untrusted", TestPki::Kind::untrusted);
+    AddTls("expired", TestPki::Kind::expired);
+    AddTls("wronghost", TestPki::Kind::wronghost);
+    AddTls("wronghost2", TestPki::Kind::wronghost);
 
     AddRaw("soap", [this](RawConnection& connection) { soap.Serve(connection); });
     AddRaw("answer", RawServer::Answer(std::string(120, 'r')));
@@ -212,8 +204,8 @@ public:
     });
     servers.address["refused"] = "127.0.0.1:" + std::to_string(RefusedPort());
     servers.address["unresolved"] = "no-such-host.invalid";
-    servers.caFile = pki.CaFile();
-    servers.caDerFile = pki.CaDerFile();
+    servers.caFile = TestPki::CaFile();
+    servers.caDerFile = TestPki::CaDerFile();
   }
   ~LocalServers() override {
     for (auto& [role, server] : raw) server->Stop();
@@ -236,8 +228,8 @@ private:
     servers.address[role] = server->HostPort();
     loopback.push_back(std::move(server));
   }
-  void AddTls(const std::string& role, const TestPki::Options& options) {
-    TestPki::ServerFiles files = pki.Issue(role, options);
+  void AddTls(const std::string& role, TestPki::Kind kind) {
+    TestPki::ServerFiles files = TestPki::Server(kind);
     Add(role, std::make_unique<LoopbackServer>(files.certificate, files.key));
   }
   void AddRaw(const std::string& role, RawServer::Script script) {
@@ -267,7 +259,6 @@ private:
     Add("plain", std::move(plain));
   }
 
-  TestPki pki;
   SoapService soap;
   std::vector<std::unique_ptr<LoopbackServer>> loopback;
   std::map<std::string, std::unique_ptr<RawServer>> raw;

@@ -88,8 +88,7 @@ TEST(SampleServiceTest, EchoesWhatTheDialectCannotCarryOnOneLine) {
 }
 
 TEST(SampleServiceTest, ServesHttpsWithTheGivenCertificateAndLogsOneLinePerRequest) {
-  TestPki pki;
-  TestPki::ServerFiles files = pki.Issue("service", {});
+  TestPki::ServerFiles files = TestPki::Server(TestPki::Kind::trusted);
   std::ostringstream log;
   qorxml::ServiceSettings settings;
   settings.port = 0;
@@ -102,7 +101,7 @@ TEST(SampleServiceTest, ServesHttpsWithTheGivenCertificateAndLogsOneLinePerReque
   EXPECT_THAT(service->Url(), testing::StartsWith("https://127.0.0.1:"));
   ChildRun run = Qorxml({"post", "127.0.0.1:" + std::to_string(service->Port()), "/secure", "--secure", "-F", "a=1",
                          "-F", "b=2"},
-                        {{"SSL_CERT_FILE", pki.CaFile()}});
+                        {{"SSL_CERT_FILE", TestPki::CaFile()}});
   EXPECT_EQ(run.exitStatus, 0) << run.err;
   EXPECT_THAT(run.out, HasSubstr("<Path>/secure</Path>"));
   service->Stop();
