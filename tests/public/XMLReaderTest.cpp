@@ -58,6 +58,7 @@ TEST(XMLReaderTest, StartLinesAndAttributes) {
       {{u"<a b=\"c\" d>x</a>"}, "", "a(b=c)[x]"},
       {{u"<a b=\"1\" / c=\"2\">x</a>"}, "", "a(b=1)[x]"},
       {{u"<a b=\"1\" c=>x</a>"}, attrValue, "a(b=1)"},
+      {{u"<a abcdefgh=\"1\" axcdefgh=\"2\" />"}, "", "a(abcdefgh=1,axcdefgh=2)"},
       {{u"<a>1<2</a>"}, "", "a[1<2]"},
       {{u"<a>1>0 &amp; [crlf]</a>"}, "", "a[1>0 &amp; [crlf]]"},
       {{u"<a> v </a>"}, "", "a[ v ]"},
@@ -167,6 +168,8 @@ TEST_F(XMLFileTest, AFileReadsAsItsText) {
       "\xEF\xBB\xBF<?xml version=\"1.0\"?>\r\n<a>\r\n\ttext \r\n</a>",
       "<?xml version=\"1.0\"?>\n<a>\n<b>\n</a>\n",
       "<?xml version=\"1.0\"?>\n",
+      // A byte that is no UTF-8 reads as U+FFFD in the start tag and in the end tag alike.
+      "<?xml version=\"1.0\"?>\n<a\x7F\xFF>v</a\x7F\xFF>\n",
   };
   for (const std::string& bytes : texts) {
     XML fromFile, fromText;
@@ -217,6 +220,9 @@ TEST_F(XMLFileTest, TextsKeptAsTheFilesBytesAnswerAsUnits) {
   EXPECT_EQ(Picture(copy), "a{b(k=Größe)[neu] c(k=Grüß)[yes] d(k=\u20AC)[\uFFFD]}");
   EXPECT_EQ(Picture(doc), "a{b(k=Größe)[Grüße and ASCII beyond sixteen] c(k=Grüß)[yes] d(k=\u20AC)[\uFFFD]}");
   EXPECT_EQ(doc.FindUnwritableTag(), nullptr);
+  // A quote in a value kept as bytes is seen by the check as in any other.
+  ASSERT_EQ(Outcome(doc.ReadFile(dir.Write("quote.xml", "<?xml version=\"1.0\"?>\n<t>\n<a b='c\"\xC3\xA9'>x</a>\n</t>\n"))), "");
+  EXPECT_EQ(doc.FindUnwritableTag(), doc.TopTag()->GetNestedTag(0));
 }
 
 // Generated lines of every length around the reader's 16-, 32- and 64-byte steps, with markers,
@@ -250,13 +256,13 @@ TEST_F(XMLFileTest, FilesAndTextsAgreeOnGeneratedLines) {
   }
 }
 
-TEST_F(XMLFileTest, AMissingFileLeavesTheDocumentCleared) {
-  XML doc(u"name", u"value", u"k", u"v");
-  doc.TopTag()->NestTag(u"n");
-  ErrorInfo* error = doc.ReadFile(dir.File("missing.xml"));
-  ASSERT_NE(error, nullptr);
-  delete error;
-  EXPECT_EQ(Picture(doc), "name[value]");
+TEST_F(XMLFileTest, AMissingFileOrAFolderLeavesTheDocumentCleared) {
+  for (const String& path : {dir.File("missing.xml"), dir.File("")}) {
+    XML doc(u"name", u"value", u"k", u"v");
+    doc.TopTag()->NestTag(u"n");
+    EXPECT_NE(Outcome(doc.ReadFile(path)), "") << path.ToUtf8();
+    EXPECT_EQ(Picture(doc), "name[value]");
+  }
 }
 
 } // namespace
