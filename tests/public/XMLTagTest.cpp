@@ -175,22 +175,5 @@ TEST_F(Abcd, NestingACopyOfItselfTakesOneSnapshot) {
   EXPECT_EQ(Picture(*copy), "t{A{a1 A{a1}} B C D}");
 }
 
-TEST(XMLTagTest, CopiesShareNoAttributeChange) {
-  XML doc(u"t");
-  XMLTag* source = doc.TopTag()->NestTag(u"s");
-  source->AddAttr(u"a", u"1")->AddAttr(u"b", u"2");
-  XMLTag* copy = doc.TopTag()->NestTag(source);
-  copy->SetAttrValue(0, u"x");
-  copy->AddAttr(u"c", u"3");
-  EXPECT_EQ(Picture(*source), "s(a=1,b=2)");
-  source->RemoveAttr(1);
-  source->SetAttrName(0, u"n");
-  EXPECT_EQ(Picture(*source), "s(n=1)");
-  EXPECT_EQ(Picture(*copy), "s(a=x,b=2,c=3)");
-  XMLTag* third = doc.TopTag()->NestTag(copy);
-  third->Remove();
-  EXPECT_EQ(Picture(*copy), "s(a=x,b=2,c=3)");
-}
-
 } // namespace
 } // namespace QOR
