@@ -29,6 +29,10 @@ TEST(XMLTagTest, AttributesAreKeptAsGivenAndInOrder) {
   top->SetAttrName(0, u"n");
   top->SetAttrValue(2, u"3");
   top->RemoveAttr(1);
+  top->SetAttrName(2, u"x"); // an index from the count on names no attribute
+  top->SetAttrValue(2, u"x");
+  top->RemoveAttr(2);
+  EXPECT_EQ(top->GetAttrName(2) + top->GetAttrVal(2), String());
   EXPECT_EQ(Picture(doc), "t(n=value,k=3){a}");
   top->AddComment(u"one");
   top->AddComment(u"two");
@@ -57,7 +61,8 @@ TEST(XMLTagTest, TypedValuesGoThroughTheText) {
               {[](XMLTag& t) { t << 2.0; }, u"2"},
               {[](XMLTag& t) { t << -0.25; }, u"-0.25"},
               {[](XMLTag& t) { t << 0.123456789012345; }, u"0.123456789012345"},
-              {[](XMLTag& t) { t << true; }, u"yes"}};
+              {[](XMLTag& t) { t << true; }, u"yes"},
+              {[](XMLTag& t) { t << false; }, u"no"}};
   for (const auto& row : rows) {
     row.set(tag);
     EXPECT_EQ(tag.GetValue(), row.value);
