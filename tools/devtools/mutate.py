@@ -364,9 +364,26 @@ def run(mutants, report_path, whole):
 
 
 def killed_in(report):
-    """The mutants a report's progress lines show killed, keyed as the equivalents list is."""
+    """The mutants a report's progress lines show killed: their key (as the equivalents list has it)
+    and the lines the report gave them."""
     found = re.findall(r'^\[\d+/\d+ +\d+s\] killed +(.+)$', report.read_text(encoding='utf-8'), re.M)
-    return {equivalence_key(d) for d in found}
+    lines = defaultdict(list)
+    for d in found:
+        lines[equivalence_key(d)].append(int(re.match(r'[^:]+:(\d+):', d).group(1)))
+    return lines
+
+
+def found_again(killed, everything):
+    """Each mutant of the report among the candidates: the one of its text nearest its old line."""
+    by_key = defaultdict(list)
+    for m in everything:
+        by_key[equivalence_key(describe(m))].append(m)
+    chosen = []
+    for key, lines in killed.items():
+        for line in lines:
+            if by_key[key]:
+                chosen.append(min(by_key[key], key=lambda m: abs(m.line - line)))
+    return sorted(set(chosen), key=lambda m: (m.path, m.line, m.col, m.new))
 
 
 def restore_pending():
@@ -453,7 +470,7 @@ def main():
         # edits elsewhere in the sources do not lose them.
         killed = killed_in(Path(args.recheck))
         everything = [m for path in source_files(args.files) for m in candidates(path)]
-        mutants = [m for m in everything if equivalence_key(describe(m)) in killed]
+        mutants = found_again(killed, everything)
         pool = len(everything)
     else:
         mutants, pool = sample(args.files, args.sample, args.seed)
