@@ -58,6 +58,7 @@ TEST(XMLReaderTest, StartLinesAndAttributes) {
       {{u"<a b=\"c\" d>x</a>"}, "", "a(b=c)[x]"},
       {{u"<a b=\"1\" / c=\"2\">x</a>"}, "", "a(b=1)[x]"},
       {{u"<a b=\"1\" c=>x</a>"}, attrValue, "a(b=1)"},
+      {{u"<a abcdefgh=\"1\" axcdefgh=\"2\" />"}, "", "a(abcdefgh=1,axcdefgh=2)"},
       {{u"<a>1<2</a>"}, "", "a[1<2]"},
       {{u"<a>1>0 &amp; [crlf]</a>"}, "", "a[1>0 &amp; [crlf]]"},
       {{u"<a> v </a>"}, "", "a[ v ]"},
@@ -139,6 +140,8 @@ TEST(XMLReaderTest, AttributeNamesLoseWhatStringTrimsFromTheirFront) {
   }
 }
 
+// The top tag's value and comment outlive every read that gives none, and a failed read keeps the
+// attributes read before the failure: all of them must outlast the storage of the read.
 TEST(XMLReaderTest, AReadReplacesTheTreeButSparesTheTopTagsOwnFields) {
   XML doc(u"old", u"old value", u"k", u"v");
   doc.TopTag()->AddComment(u"kept");
@@ -150,10 +153,16 @@ TEST(XMLReaderTest, AReadReplacesTheTreeButSparesTheTopTagsOwnFields) {
   EXPECT_EQ(top->GetComment(), String(u"kept"));
   EXPECT_EQ(top->GetNestedTag(0)->GetComment(), String());
 
-  EXPECT_EQ(Outcome(doc.ReadText(Document({u"<a>"}))), badData);
-  EXPECT_EQ(Picture(doc), "a[old value]");
+  EXPECT_EQ(Outcome(doc.ReadText(Document({u"<Next C=\"3\" D=\"x/y\">", u"</Next>"}))), attrValue);
+  EXPECT_EQ(Picture(doc), "Next(C=3)[old value]");
   EXPECT_EQ(Outcome(doc.ReadText(u"nothing")), "Empty XML data");
-  EXPECT_EQ(Picture(doc), "a[old value]");
+  EXPECT_EQ(Picture(doc), "Next[old value]");
+
+  XML copy(doc);
+  doc.TopTag()->Remove();
+  EXPECT_EQ(Outcome(copy.ReadText(Document({u"<Last>", u"</Last>"}))), "");
+  EXPECT_EQ(Picture(copy), "Last[old value]");
+  EXPECT_EQ(copy.TopTag()->GetComment(), String(u"kept"));
 }
 
 class XMLFileTest : public ::testing::Test {
@@ -167,6 +176,8 @@ TEST_F(XMLFileTest, AFileReadsAsItsText) {
       "\xEF\xBB\xBF<?xml version=\"1.0\"?>\r\n<a>\r\n\ttext \r\n</a>",
       "<?xml version=\"1.0\"?>\n<a>\n<b>\n</a>\n",
       "<?xml version=\"1.0\"?>\n",
+      // A byte that is no UTF-8 reads as U+FFFD in the start tag and in the end tag alike.
+      "<?xml version=\"1.0\"?>\n<a\x7F\xFF>v</a\x7F\xFF>\n",
   };
   for (const std::string& bytes : texts) {
     XML fromFile, fromText;
@@ -217,6 +228,9 @@ TEST_F(XMLFileTest, TextsKeptAsTheFilesBytesAnswerAsUnits) {
   EXPECT_EQ(Picture(copy), "a{b(k=Größe)[neu] c(k=Grüß)[yes] d(k=\u20AC)[\uFFFD]}");
   EXPECT_EQ(Picture(doc), "a{b(k=Größe)[Grüße and ASCII beyond sixteen] c(k=Grüß)[yes] d(k=\u20AC)[\uFFFD]}");
   EXPECT_EQ(doc.FindUnwritableTag(), nullptr);
+  // A quote in a value kept as bytes is seen by the check as in any other.
+  ASSERT_EQ(Outcome(doc.ReadFile(dir.Write("quote.xml", "<?xml version=\"1.0\"?>\n<t>\n<a b='c\"\xC3\xA9'>x</a>\n</t>\n"))), "");
+  EXPECT_EQ(doc.FindUnwritableTag(), doc.TopTag()->GetNestedTag(0));
 }
 
 // Generated lines of every length around the reader's 16-, 32- and 64-byte steps, with markers,
@@ -250,13 +264,13 @@ TEST_F(XMLFileTest, FilesAndTextsAgreeOnGeneratedLines) {
   }
 }
 
-TEST_F(XMLFileTest, AMissingFileLeavesTheDocumentCleared) {
-  XML doc(u"name", u"value", u"k", u"v");
-  doc.TopTag()->NestTag(u"n");
-  ErrorInfo* error = doc.ReadFile(dir.File("missing.xml"));
-  ASSERT_NE(error, nullptr);
-  delete error;
-  EXPECT_EQ(Picture(doc), "name[value]");
+TEST_F(XMLFileTest, AMissingFileOrAFolderLeavesTheDocumentCleared) {
+  for (const String& path : {dir.File("missing.xml"), dir.File("")}) {
+    XML doc(u"name", u"value", u"k", u"v");
+    doc.TopTag()->NestTag(u"n");
+    EXPECT_NE(Outcome(doc.ReadFile(path)), "") << path.ToUtf8();
+    EXPECT_EQ(Picture(doc), "name[value]");
+  }
 }
 
 } // namespace

@@ -59,31 +59,5 @@ TEST(XMLTest, ConstructorsTrimValuesButNotNames) {
   EXPECT_EQ(withAttr.TopTag()->GetValue(), String(u" v "));
 }
 
-TEST(XMLTest, CopiesAreIndependentBothWays) {
-  XML source(u"s");
-  source.TopTag()->NestTag(u"a", u"1", u"k", u"v")->NestTag(u"b");
-  source.TopTag()->AddComment(u"c");
-  XML copy(source);
-  EXPECT_EQ(copy.GetText(), source.GetText());
-  EXPECT_NE(copy.TopTag(), source.TopTag());
-
-  copy.TopTag()->GetNestedTag(0)->SetAttrValue(0, u"changed");
-  copy.TopTag()->GetNestedTag(0)->GetNestedTag(0)->Remove();
-  copy.TopTag()->NestTag(u"new");
-  EXPECT_EQ(Picture(source), "s{a(k=v)[1]{b}}");
-  source.TopTag()->GetNestedTag(0)->AddAttr(u"x", u"y");
-  source.TopTag()->GetNestedTag(0)->SetValue(u"2");
-  EXPECT_EQ(Picture(copy), "s{a(k=changed)[1] new}");
-
-  XMLTag* oldTop = copy.TopTag();
-  copy = source;
-  EXPECT_NE(copy.TopTag(), oldTop);
-  EXPECT_EQ(copy.GetText(), source.GetText());
-  XMLTag* nested = copy.TopTag()->GetNestedTag(0);
-  XML& self = copy;
-  copy = self;
-  EXPECT_EQ(copy.TopTag()->GetNestedTag(0), nested);
-}
-
 } // namespace
 } // namespace QOR

@@ -117,10 +117,23 @@ TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
       {[](XMLTag& t) { t.NestTag(u"a b", u"x"); }, "Badly formed end tag in XML data", "t", "a b[x]"},
       {[](XMLTag& t) { t.NestTag(u"", u"x"); }, "Badly formed XML tag name", "t", "[x]"},
       {[](XMLTag& t) { t.NestTag(u"a")->NestTag(u"a", u"x"); }, "Badly placed tag end in XML data", "t{a}", "a[x]"},
+      {[](XMLTag& t) { t.NestTag(u"a", u"x\ny"); }, "", "t{a}", "a[x\ny]"},
+      {[](XMLTag& t) { t.NestTag(u"/a", u"x"); }, "Badly placed tag end in XML data", "t", "/a[x]"},
+      {[](XMLTag& t) { t.NestTag(u"a>", u"x"); }, "", "t{a[>x]}", "a>[x]"},
+      {[](XMLTag& t) { t.NestTag(u"a</b")->NestTag(u"c"); }, "Badly formed end tag in XML data", "t", "a</b{c}"},
+      {[](XMLTag& t) { t.NestTag(u"a/")->NestTag(u"b"); }, "Badly placed tag end in XML data", "t{a/ b}", "a/{b}"},
+      {[](XMLTag& t) { t.NestTag(u"a")->AddAttr(u"k\n", u"1"); }, "Badly formed XML data", "t", "a(k\n=1)"},
+      {[](XMLTag& t) { t.NestTag(u"a")->AddAttr(u"k", u"x!--y"); }, "", "t", "a(k=x!--y)"},
+      {[](XMLTag& t) { t.NestTag(u"a")->AddAttr(u"k=", u"1"); }, "", "t{a(k=1)}", "a(k==1)"},
+      {[](XMLTag& t) { t.NestTag(u"a")->AddAttr(u" k", u"1"); }, "", "t{a(k=1)}", "a( k=1)"},
   };
+  test::TempDir dir;
   for (const Case& c : cases) {
     XML doc(u"t");
     c.build(*doc.TopTag());
+    // The file gets the text's bytes, whatever the text holds.
+    EXPECT_EQ(Outcome(doc.Write(dir.File("doc.xml"))), "");
+    EXPECT_EQ(dir.Read("doc.xml"), doc.GetText().ToUtf8());
     XML back;
     EXPECT_EQ(Outcome(back.ReadText(doc.GetText())), c.error) << doc.GetText().ToUtf8();
     EXPECT_EQ(Picture(back), c.tree) << doc.GetText().ToUtf8();
