@@ -6,11 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace QOR {
@@ -20,7 +20,6 @@ using test::FakeCall;
 using test::FakeWinInet;
 using test::TakeText;
 using test::TakeTexts;
-using Api = FakeWinInet::Api;
 
 class Owner : public HttpClientBase {
 public:
@@ -79,21 +78,13 @@ protected:
     return TakeText(engine->SendRequest(u"/path"));
   }
   // A request up to and including the call of api.
-  std::string RunThrough(Api api) {
+  std::string RunThrough(const std::string& api) {
     Connect();
     std::string error = Send();
-    if (api != Api::InternetReadFileExA) return error;
+    if (api != "InternetReadFileExA") return error;
     EXPECT_EQ(error, "");
     String reply;
     return TakeText(engine->ReadReply(reply));
-  }
-  bool Logged(const std::string& line) {
-    auto log = fake->Log();
-    return std::find(log.begin(), log.end(), line) != log.end();
-  }
-  std::ptrdiff_t Position(const std::string& line) {
-    auto log = fake->Log();
-    return std::find(log.begin(), log.end(), line) - log.begin();
   }
 
   std::unique_ptr<FakeWinInet> fake;
@@ -102,21 +93,21 @@ protected:
 };
 
 struct StepCase {
-  Api api;
+  std::string api;
   std::string immediate, timedOut, failedWait, completion;
   bool cancels;
 };
 
 const StepCase stepCases[] = {
-    {Api::HttpOpenRequestA, "Can't get requested data: ", "Timed out opening request", "Failed opening request",
+    {"HttpOpenRequestA", "Can't get requested data: ", "Timed out opening request", "Failed opening request",
      "Error opening request: ", false},
-    {Api::HttpSendRequestExW, "Can't send request: ", "Timed out sending request", "Failed sending request",
+    {"HttpSendRequestExW", "Can't send request: ", "Timed out sending request", "Failed sending request",
      "Error sending request: ", true},
-    {Api::InternetWriteFile, "Can't write requested data: ", "Timed out writing requested data",
+    {"InternetWriteFile", "Can't write requested data: ", "Timed out writing requested data",
      "Failed writing requested data", "Error writing requested data: ", true},
-    {Api::HttpEndRequestW, "Can't http end request: ", "Timed out ending http request", "Failed ending http request",
+    {"HttpEndRequestW", "Can't http end request: ", "Timed out ending http request", "Failed ending http request",
      "Error ending http request: ", false},
-    {Api::InternetReadFileExA, "Can't read requested data: ", "Timed out reading requested data",
+    {"InternetReadFileExA", "Can't read requested data: ", "Timed out reading requested data",
      "Failed reading requested data", "Error reading requested data: ", true},
 };
 
@@ -136,7 +127,7 @@ TEST_F(EngineTest, PendingPatternGivesEachStepItsWords) {
     fake->Script(step.api, FakeCall::Hang());
     EXPECT_EQ(RunThrough(step.api), step.timedOut);
     EXPECT_EQ(engine->RequestCancelled(), step.cancels);
-    EXPECT_EQ(Logged("InternetCloseHandle request"), step.cancels);
+    EXPECT_EQ(fake->Count("InternetCloseHandle request") > 0, step.cancels);
 
     Fresh();
     fake->Script(step.api, FakeCall::Hang());
@@ -145,47 +136,57 @@ TEST_F(EngineTest, PendingPatternGivesEachStepItsWords) {
       EXPECT_EQ(RunThrough(step.api), step.failedWait);
     }
     EXPECT_EQ(engine->RequestCancelled(), step.cancels);
+
+    // A cancel from another thread ends the pending call (the engine holds the lock it takes
+    // until the call has returned). An open has no handle to close yet.
+    if (step.api == "HttpOpenRequestA") continue;
+    Fresh();
+    std::thread canceller;
+    fake->Script(step.api, FakeCall::Hang().Inside([&] {
+      canceller = std::thread([this] { delete engine->CancelRequest(); });
+    }));
+    EXPECT_EQ(RunThrough(step.api), step.completion + "OPERATION CANCELLED");
+    canceller.join();
   }
 }
 
 TEST_F(EngineTest, ConnectPassesTheOwnersSettings) {
   Connect();
-  EXPECT_TRUE(Logged("InternetOpenW test agent 268435456")) << "the owner's agent, INTERNET_FLAG_ASYNC";
-  EXPECT_TRUE(Logged("InternetConnectW example.test:80 3 0")) << "HTTP service, no flags, empty credentials";
+  EXPECT_EQ(fake->Count("InternetConnectW example.test:80"), 1);
   struct {
     const char16_t* server;
     bool secure;
     const char* connect;
-  } addresses[] = {{u"example.test", true, "InternetConnectW example.test:443 3 0"},
-                   {u"[::1]:8443", false, "InternetConnectW [::1]:8443 3 0"},
-                   {u"host:1090", false, "InternetConnectW host:1090 3 0"},
-                   {u"host:port", false, "InternetConnectW host:port:80 3 0"}};
+  } addresses[] = {{u"example.test", true, "InternetConnectW example.test:443"},
+                   {u"[::1]:8443", false, "InternetConnectW [::1]:8443"},
+                   {u"host:1090", false, "InternetConnectW host:1090"},
+                   {u"host:port", false, "InternetConnectW host:port:80"}};
   for (const auto& address : addresses) {
     Fresh();
     owner->server = address.server;
     owner->secure = address.secure;
     // A connection handle that comes through the callback serves as well.
-    fake->Script(Api::InternetConnectW, FakeCall::Pend(5));
+    fake->Script("InternetConnectW", FakeCall::Pend(5));
     Connect();
-    EXPECT_TRUE(Logged(address.connect)) << address.connect;
+    EXPECT_EQ(fake->Count(address.connect), 1) << address.connect;
     EXPECT_EQ(Send(), "");
   }
 }
 
 TEST_F(EngineTest, ConnectFailuresLeaveNothingOpen) {
   struct {
-    Api api;
+    std::string api;
     FakeCall call;
     int failedWaits;
     const char* words;
   } cases[] = {
-      {Api::InternetOpenW, FakeCall::Fail(12004), 0, "Error opening Internet"},
-      {Api::InternetSetStatusCallbackW, FakeCall::Fail(12004), 0, "Error setting callback for Internet"},
-      {Api::InternetConnectW, FakeCall::Fail(12029), 0, "Can't connect to web site: CANNOT CONNECT"},
-      {Api::InternetConnectW, FakeCall::Pend(5, 12007), 0,
+      {"InternetOpenW", FakeCall::Fail(12004), 0, "Error opening Internet"},
+      {"InternetSetStatusCallbackW", FakeCall::Fail(12004), 0, "Error setting callback for Internet"},
+      {"InternetConnectW", FakeCall::Fail(12029), 0, "Can't connect to web site: CANNOT CONNECT"},
+      {"InternetConnectW", FakeCall::Pend(5, 12007), 0,
        "Error connecting to web site: Problem accessing the Internet. UNRESOLVED URL"},
-      {Api::InternetConnectW, FakeCall::Hang(), 0, "Timed out connecting to web site."},
-      {Api::InternetConnectW, FakeCall::Hang(), 1, "Failed connecting to web site."},
+      {"InternetConnectW", FakeCall::Hang(), 0, "Timed out connecting to web site."},
+      {"InternetConnectW", FakeCall::Hang(), 1, "Failed connecting to web site."},
   };
   for (auto& entry : cases) {
     Fresh();
@@ -194,8 +195,11 @@ TEST_F(EngineTest, ConnectFailuresLeaveNothingOpen) {
     FailingWaits failing(entry.failedWaits);
     EXPECT_EQ(TakeText(engine->Connect()), entry.words);
     EXPECT_EQ(fake->OpenHandles(), 0) << entry.words;
-    if (entry.api == Api::InternetConnectW)
-      EXPECT_LT(Position("InternetSetStatusCallbackW null"), Position("InternetCloseHandle root")) << entry.words;
+    if (entry.api == "InternetConnectW")
+      EXPECT_LT(fake->Position("InternetSetStatusCallbackW null"), fake->Position("InternetCloseHandle root")) << entry.words;
+    // Nothing of the failure stays behind for the next connect.
+    fake->Script("InternetConnectW", FakeCall::Pend(5));
+    EXPECT_EQ(TakeText(engine->Connect()), "") << entry.words;
   }
 }
 
@@ -213,7 +217,7 @@ TEST_F(EngineTest, CloseFailuresForgetTheHandle) {
     owner->connectTimeout = 60;
     Connect();
     EXPECT_EQ(Send(), "");
-    fake->Script(Api::InternetCloseHandle, std::move(entry.close));
+    fake->Script("InternetCloseHandle", std::move(entry.close));
     EXPECT_EQ(TakeText(engine->CloseRequest()), entry.words);
     int closes = fake->Count("InternetCloseHandle");
     EXPECT_EQ(TakeText(engine->CloseRequest()), "");
@@ -221,46 +225,15 @@ TEST_F(EngineTest, CloseFailuresForgetTheHandle) {
   }
 }
 
-TEST_F(EngineTest, DisconnectJoinsErrorsAndRemovesTheCallbackBeforeTheRoot) {
-  Connect();
-  EXPECT_EQ(Send(), "");
-  fake->Script(Api::InternetCloseHandle, FakeCall::Fail(12004));
-  fake->Script(Api::InternetCloseHandle, FakeCall::Fail(12005));
-  EXPECT_EQ(TakeTexts(engine->Disconnect()),
-            (std::vector<std::string>{"Error closing File handleINTERNET INTERNAL ERROR",
-                                      "Error closing HTTP handleINVALID URL"}));
-  EXPECT_LT(Position("InternetSetStatusCallbackW null"), Position("InternetCloseHandle root"));
-  EXPECT_EQ(TakeText(engine->Disconnect()), "");
-}
-
-TEST_F(EngineTest, RequestGoesOutAsSpecified) {
-  owner->secure = true;
-  Connect();
-  EXPECT_EQ(Send(), "");
-  auto request = fake->Requests().at(0);
-  EXPECT_EQ(request.verb + " " + request.objectName, "POST /path");
-  EXPECT_FALSE(request.versionGiven);
-  EXPECT_EQ(request.referrer.rfind("Mozilla/4.0 (compatible; MSIE 6.0; Windows NT 5.2; WOW64; SV1;", 0), 0u);
-  ASSERT_EQ(request.acceptTypes.size(), 13u);
-  EXPECT_EQ(request.acceptTypes.back(), "*/*");
-  EXPECT_EQ(request.flags, 0x84C01000u);
-  EXPECT_EQ(request.headerCalls,
-            std::vector<std::string>{"REPLACE Content-Type: multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p"});
-  EXPECT_EQ(request.announced, owner->body.size());
-  EXPECT_EQ(request.body, owner->body);
-  EXPECT_TRUE(Logged("HttpSendRequestExW 8 8")) << "HSR_INITIATE, no output block";
-  EXPECT_TRUE(owner->updates.empty()) << "no progress asked for";
-}
-
 TEST_F(EngineTest, WritesGoInChunksAndShortWritesContinueWhereTheyStopped) {
   owner->transferBlockSize = 100;
   owner->body.clear();
   for (int i = 0; i < 250; ++i) owner->body += static_cast<char>('a' + i % 26);
   Connect();
-  fake->Script(Api::InternetWriteFile, FakeCall::Succeed(60));
+  fake->Script("InternetWriteFile", FakeCall::Succeed(60));
   FakeCall pending = FakeCall::Pend(5);
   pending.bytes = 30;
-  fake->Script(Api::InternetWriteFile, std::move(pending));
+  fake->Script("InternetWriteFile", std::move(pending));
   EXPECT_EQ(Send(), "");
   auto request = fake->Requests().at(0);
   EXPECT_EQ(request.writesOffered, (std::vector<::DWORD>{100, 100, 100, 60}));
@@ -286,16 +259,16 @@ TEST_F(EngineTest, WritesGoInChunksAndShortWritesContinueWhereTheyStopped) {
 
 TEST_F(EngineTest, HeaderCallReplacesThenAdds) {
   Connect();
-  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12150));
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12150));
   EXPECT_EQ(Send(), "");
-  EXPECT_LT(Position("HttpAddRequestHeadersW REPLACE"), Position("HttpAddRequestHeadersW ADD"));
+  EXPECT_LT(fake->Position("HttpAddRequestHeadersW REPLACE"), fake->Position("HttpAddRequestHeadersW ADD"));
   EXPECT_EQ(fake->Requests().at(0).headerCalls,
             std::vector<std::string>{"ADD Content-Type: multipart/form-data; boundary=gc0p4Jq0M2Yt08jU534c0p"});
 
   // Other failures of REPLACE go unreported and the request goes on.
   Fresh();
   Connect();
-  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12019));
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12019));
   EXPECT_EQ(Send(), "");
   EXPECT_EQ(fake->Count("HttpAddRequestHeadersW"), 1);
   EXPECT_EQ(fake->Count("HttpSendRequestExW"), 1);
@@ -303,19 +276,12 @@ TEST_F(EngineTest, HeaderCallReplacesThenAdds) {
   // A failed ADD ends the step; the failure of the end that follows is not reported.
   Fresh();
   Connect();
-  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12150));
-  fake->Script(Api::HttpAddRequestHeadersW, FakeCall::Fail(12153));
-  fake->Script(Api::HttpEndRequestW, FakeCall::Fail(12018));
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12150));
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12153));
+  fake->Script("HttpEndRequestW", FakeCall::Fail(12018));
   EXPECT_EQ(Send(), "Error adding request headers: INVALID HEADER");
   EXPECT_EQ(fake->Count("HttpSendRequestExW"), 0);
   EXPECT_EQ(fake->Count("HttpEndRequestW"), 1);
-
-  // Without a request handle the end calls nothing.
-  Fresh();
-  Connect();
-  fake->Script(Api::HttpOpenRequestA, FakeCall::Fail(12029));
-  EXPECT_EQ(Send(), "Can't get requested data: CANNOT CONNECT");
-  EXPECT_EQ(fake->Count("HttpEndRequestW"), 0);
 }
 
 TEST_F(EngineTest, CancelBetweenTheCallAndTheStore) {
@@ -324,7 +290,7 @@ TEST_F(EngineTest, CancelBetweenTheCallAndTheStore) {
     Fresh();
     Connect();
     FakeCall open = pending ? FakeCall::Pend(5) : FakeCall::Succeed();
-    fake->Script(Api::HttpOpenRequestA, std::move(open).Inside([this] { delete engine->CancelRequest(); }));
+    fake->Script("HttpOpenRequestA", std::move(open).Inside([this] { delete engine->CancelRequest(); }));
     EXPECT_EQ(Send(), "Request cancelled");
     EXPECT_TRUE(engine->RequestCancelled());
     EXPECT_EQ(fake->Count("HttpEndRequestW"), 0);
@@ -351,8 +317,8 @@ TEST_F(EngineTest, FailedReadsLeaveTheReplyAlone) {
       fake->SetReply("abcdef");
       Connect();
       EXPECT_EQ(Send(), "");
-      if (!failedWaits) fake->Script(Api::InternetReadFileExA, FakeCall::Succeed(3));
-      fake->Script(Api::InternetReadFileExA, failedWaits ? FakeCall::Hang() : FakeCall::Fail(12030));
+      if (!failedWaits) fake->Script("InternetReadFileExA", FakeCall::Succeed(3));
+      fake->Script("InternetReadFileExA", failedWaits ? FakeCall::Hang() : FakeCall::Fail(12030));
       FailingWaits failing(failedWaits);
       String reply(u"before");
       char* buffer = nullptr;
@@ -362,6 +328,8 @@ TEST_F(EngineTest, FailedReadsLeaveTheReplyAlone) {
                       : base64       ? "Error reading requested data: OPERATION CANCELLED"
                                      : "Failed reading requested data");
       EXPECT_EQ(reply, u"before");
+      // A short read leaves the rest of its block to the next read, not more.
+      if (!failedWaits) EXPECT_EQ(fake->Count("InternetReadFileExA " + std::to_string((base64 ? 4 : 102400) - 3)), 1);
       EXPECT_EQ(buffer, nullptr);
       EXPECT_EQ(length, 99u);
     }
@@ -372,34 +340,36 @@ TEST_F(EngineTest, FailedReadsLeaveTheReplyAlone) {
 // while the engine runs the next request, or after it is gone. They must land in memory that is
 // still there (checked under ASan) and not disturb the next request.
 TEST_F(EngineTest, LateCallbacksFindNothingFreed) {
-  for (Api api : {Api::InternetReadFileExA, Api::InternetWriteFile, Api::HttpEndRequestW}) {
+  for (std::string api : {"InternetReadFileExA", "HttpEndRequestW", "InternetWriteFile"}) {
     Fresh();
     fake->SetCloseCancels(false);
     owner->requestTimeout = 50;
     owner->connectTimeout = 50;
     owner->body.assign(300000, 'b');
-    fake->Script(api, FakeCall::Hang());
+    // The end fails late, the others succeed late.
+    fake->Script(api, FakeCall::Hang(api == "HttpEndRequestW" ? 12030 : 0));
     std::string error = RunThrough(api);
     EXPECT_NE(error.find("Timed out"), std::string::npos) << error;
     delete engine->Disconnect();
-    if (api == Api::InternetReadFileExA) {
-      owner->requestTimeout = 1000;
-      owner->connectTimeout = 1000;
-      owner->body = "second";
-      Connect();
-      EXPECT_EQ(Send(), "");
-      fake->SetReply("second reply");
+    if (api == "InternetWriteFile") {
+      engine.reset();
+      fake->SetReply(std::string(200000, 'r'));
       fake->ReleaseHung();
-      fake->Drain();
-      String reply;
-      EXPECT_EQ(TakeText(engine->ReadReply(reply)), "");
-      EXPECT_EQ(reply, u"second reply");
       continue;
     }
-    engine.reset();
-    fake->SetReply(std::string(200000, 'r'));
-    fake->ReleaseHung();
-    fake->Drain();
+    // The late completion comes in the middle of the next request, which reads its own reply and
+    // does not take the late error for one of its own end.
+    owner->requestTimeout = 1000;
+    owner->connectTimeout = 1000;
+    owner->body = "second";
+    fake->SetReply("second reply");
+    Connect();
+    fake->Script("HttpSendRequestExW", FakeCall::Succeed().Inside([this] { fake->ReleaseHung(); }));
+    fake->Script("HttpEndRequestW", FakeCall::Pend(5));
+    EXPECT_EQ(Send(), "");
+    String reply;
+    EXPECT_EQ(TakeText(engine->ReadReply(reply)), "");
+    EXPECT_EQ(reply, u"second reply");
   }
 }
 
