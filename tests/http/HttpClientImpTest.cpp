@@ -231,9 +231,7 @@ TEST_F(EngineTest, WritesGoInChunksAndShortWritesContinueWhereTheyStopped) {
   for (int i = 0; i < 250; ++i) owner->body += static_cast<char>('a' + i % 26);
   Connect();
   fake->Script("InternetWriteFile", FakeCall::Succeed(60));
-  FakeCall pending = FakeCall::Pend(5);
-  pending.bytes = 30;
-  fake->Script("InternetWriteFile", std::move(pending));
+  fake->Script("InternetWriteFile", FakeCall::Pend(5, 0, 30));
   EXPECT_EQ(Send(), "");
   auto request = fake->Requests().at(0);
   EXPECT_EQ(request.writesOffered, (std::vector<::DWORD>{100, 100, 100, 60}));

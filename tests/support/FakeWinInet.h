@@ -42,8 +42,8 @@ struct FakeCall {
 
   static FakeCall Succeed(::DWORD bytes = allBytes) { return {Kind::Succeed, 0, 0, bytes, {}}; }
   static FakeCall Fail(::DWORD lastError) { return {Kind::Fail, lastError, 0, allBytes, {}}; }
-  static FakeCall Pend(int delayMs = 0, ::DWORD completionError = 0) {
-    return {Kind::Pend, completionError, delayMs, allBytes, {}};
+  static FakeCall Pend(int delayMs = 0, ::DWORD completionError = 0, ::DWORD bytes = allBytes) {
+    return {Kind::Pend, completionError, delayMs, bytes, {}};
   }
   // Pends and completes only when its handle is closed (if closes cancel) or at ReleaseHung,
   // there with completionError.
