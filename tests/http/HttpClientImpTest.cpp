@@ -151,13 +151,12 @@ TEST_F(EngineTest, PendingPatternGivesEachStepItsWords) {
 }
 
 TEST_F(EngineTest, ConnectPassesTheOwnersSettings) {
-  Connect();
-  EXPECT_EQ(fake->Count("InternetConnectW example.test:80"), 1);
   struct {
     const char16_t* server;
     bool secure;
     const char* connect;
-  } addresses[] = {{u"example.test", true, "InternetConnectW example.test:443"},
+  } addresses[] = {{u"example.test", false, "InternetConnectW example.test:80"},
+                   {u"example.test", true, "InternetConnectW example.test:443"},
                    {u"[::1]:8443", false, "InternetConnectW [::1]:8443"},
                    {u"host:1090", false, "InternetConnectW host:1090"},
                    {u"host:port", false, "InternetConnectW host:port:80"}};
