@@ -98,25 +98,6 @@ TEST_F(ClientTest, FailedConnectKeepsTheForm) {
   EXPECT_EQ(fake.Count("HttpOpenRequestA"), 0);
 }
 
-// A derived client may build its own body; the engine holds it to WinInet's 32-bit length too.
-TEST(ClientLimitTest, BodyOf4GiBFromADerivedClientIsNeverSent) {
-  class HugeBodyClient : public RecordingClient {
-  public:
-    ErrorInfo* GetRequestBuffer(const String&, const char*& buffer, std::size_t& length) override {
-      buffer = new char[1];
-      length = std::size_t{1} << 32;
-      return nullptr;
-    }
-  };
-  FakeWinInet fake;
-  HugeBodyClient client;
-  String reply(u"untouched");
-  EXPECT_EQ(TakeText(client.Retrieve(u"/q", reply)), "Request body too large: 4 GiB or more");
-  EXPECT_EQ(reply, u"untouched");
-  EXPECT_EQ(fake.Count("HttpOpenRequestA"), 0);
-  EXPECT_EQ(fake.Count("HttpSendRequestExW"), 0);
-}
-
 TEST_F(ClientTest, ProgressOnlyWhenAskedForStartsAtZeroRisesStrictlyAndEndsAt100AnyTotal) {
   std::size_t total = 99;
   EXPECT_EQ(client.GetBytesTransferred(total), 0u);

@@ -269,19 +269,17 @@ void FakeWinInet::Complete(Pending* call, bool cancelled) {
 // holds HANDLE_CLOSING back until they end). A scripted Pend delays HANDLE_CLOSING, after a
 // completion with its error if it has one; Hang keeps it back for good.
 BOOL FakeWinInet::Close(HINTERNET value) {
-  std::string kindName = "unknown";
+  Handle* handle;
   {
     std::lock_guard<std::mutex> hold(lock);
-    static const char* kindNames[] = {"root", "connection", "request"};
-    if (Handle* handle = Find(value)) kindName = kindNames[handle->kind];
+    handle = Find(value);
   }
-  FakeCall call = Begin("InternetCloseHandle " + kindName);
-  Handle* handle;
+  static const char* kindNames[] = {"root", "connection", "request"};
+  FakeCall call = Begin(std::string("InternetCloseHandle ") + (handle ? kindNames[handle->kind] : "unknown"));
   std::vector<Pending*> open;
   bool deferred;
   {
     std::lock_guard<std::mutex> hold(lock);
-    handle = Find(value);
     if (!handle || handle->closed) SetLastError(errorInvalidHandle);
     if (!handle || handle->closed || call.kind == FakeCall::Kind::Fail) return 0;
     handle->closed = true;
@@ -327,12 +325,6 @@ int FakeWinInet::Count(const std::string& words) const {
 std::ptrdiff_t FakeWinInet::Position(const std::string& line) const {
   std::lock_guard<std::mutex> hold(lock);
   return std::find(log.begin(), log.end(), line) - log.begin();
-}
-
-int FakeWinInet::OpenHandles() const {
-  std::lock_guard<std::mutex> hold(lock);
-  return static_cast<int>(
-      std::count_if(handles.begin(), handles.end(), [](const auto& entry) { return !entry.second->closed; }));
 }
 
 } // namespace QOR::test

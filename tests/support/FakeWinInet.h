@@ -92,8 +92,6 @@ public:
   int Count(const std::string& words) const;
   // Where the line first stands in the log (the log's length if nowhere).
   std::ptrdiff_t Position(const std::string& line) const;
-  // Handles that were made and not yet closed, the root handles included.
-  int OpenHandles() const;
 
 private:
   struct Handle;
