@@ -23,7 +23,7 @@ constexpr ::DWORD statusRequestComplete = 100;
 
 enum HandleKind { rootKind, connectionKind, requestKind };
 
-template <class Unit> std::string Ascii(const Unit* text) {
+std::string Ascii(LPCWSTR text) {
   std::string ascii;
   for (; text && *text; ++text) ascii += *text < 0x80 ? static_cast<char>(*text) : '?';
   return ascii;
@@ -91,13 +91,10 @@ FakeWinInet::FakeWinInet() {
                                    return active->Make(requestKind, &on, context, object);
                                  }));
   };
-  winInet.HttpAddRequestHeadersW = [](HINTERNET request, LPCWSTR headers, ::DWORD, ::DWORD modifiers) -> BOOL {
-    std::string mode = modifiers == 0x80000000 ? "REPLACE" : "ADD";
+  winInet.HttpAddRequestHeadersW = [](HINTERNET request, LPCWSTR, ::DWORD, ::DWORD modifiers) -> BOOL {
+    std::string mode = modifiers == 0x80000000 ? "REPLACE" : modifiers == 0x20000000 ? "ADD" : std::to_string(modifiers);
     return active->Call("HttpAddRequestHeadersW " + mode, request, requestKind, errorIncorrectHandleType, 0,
-                        [line = mode + " " + Ascii(headers)](Handle& on, ::DWORD) {
-                          active->requests[on.request].headerCalls.push_back(line);
-                          return DWORD_PTR{1};
-                        }) != 0;
+                        [](Handle&, ::DWORD) { return DWORD_PTR{1}; }) != 0;
   };
   winInet.HttpSendRequestExW = [](HINTERNET request, LPINTERNET_BUFFERSW in, LPINTERNET_BUFFERSW, ::DWORD,
                                   DWORD_PTR) -> BOOL {

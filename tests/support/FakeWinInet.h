@@ -59,7 +59,6 @@ public:
   // What the fake server saw of one request handle.
   struct Request {
     std::string objectName;
-    std::vector<std::string> headerCalls; // "REPLACE <line>" or "ADD <line>"
     ::DWORD announced = 0;
     std::string body;
     std::vector<::DWORD> writesOffered;
@@ -86,8 +85,8 @@ public:
 
   std::vector<Request> Requests() const;
   // The log holds one line per call: the entry point's name and its main argument (server:port
-  // of InternetConnectW, the size offered to a write or read, the kind of handle a close is
-  // given: root, connection or request). Count counts the lines that are the words, or the words
+  // of InternetConnectW, the size offered to a write or read, REPLACE or ADD of a header call,
+  // the kind of handle a close is given: root, connection or request). Count counts the lines that are the words, or the words
   // and more after a space.
   int Count(const std::string& words) const;
   // Where the line first stands in the log (the log's length if nowhere).
