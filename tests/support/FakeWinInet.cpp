@@ -41,7 +41,7 @@ struct FakeWinInet::Handle {
   bool closed = false;
   // HANDLE_CLOSING waits until the calls still pending on the handle have ended.
   bool closingDeferred = false;
-  std::size_t request = 0;
+  Request request; // of a request handle
   std::size_t readOffset = 0;
 };
 
@@ -100,17 +100,16 @@ FakeWinInet::FakeWinInet() {
                                   DWORD_PTR) -> BOOL {
     return active->Call("HttpSendRequestExW", request, requestKind, errorIncorrectHandleType, 0,
                         [total = in->dwBufferTotal](Handle& on, ::DWORD) {
-                          active->requests[on.request].announced = total;
+                          on.request.announced = total;
                           return DWORD_PTR{1};
                         }) != 0;
   };
   winInet.InternetWriteFile = [](HINTERNET file, const void* data, ::DWORD size, LPDWORD written) -> BOOL {
     return active->Call("InternetWriteFile " + std::to_string(size), file, requestKind, errorInvalidHandle, 0,
                         [data, size, written](Handle& on, ::DWORD bytes) {
-                          Request& request = active->requests[on.request];
-                          request.writesOffered.push_back(size);
+                          on.request.writesOffered.push_back(size);
                           *written = std::min(size, bytes);
-                          request.body.append(static_cast<const char*>(data), *written);
+                          on.request.body.append(static_cast<const char*>(data), *written);
                           return DWORD_PTR{1};
                         }) != 0;
   };
@@ -176,11 +175,8 @@ FakeCall FakeWinInet::Begin(std::string line) {
 
 std::uintptr_t FakeWinInet::Make(int kind, Handle* parent, DWORD_PTR context, std::string objectName) {
   std::uintptr_t value = nextHandle++;
-  auto& made = handles[value] = std::make_unique<Handle>(Handle{value, kind, context, parent ? parent->callback : nullptr});
-  if (kind == requestKind) {
-    made->request = requests.size();
-    requests.push_back(Request{std::move(objectName)});
-  }
+  handles[value] = std::make_unique<Handle>(Handle{value, kind, context, parent ? parent->callback : nullptr});
+  handles[value]->request.objectName = std::move(objectName);
   return value;
 }
 
@@ -309,7 +305,10 @@ void FakeWinInet::ReleaseHung() {
 
 std::vector<FakeWinInet::Request> FakeWinInet::Requests() const {
   std::lock_guard<std::mutex> hold(lock);
-  return requests;
+  std::vector<Request> made;
+  for (const auto& entry : handles)
+    if (entry.second->kind == requestKind) made.push_back(entry.second->request);
+  return made;
 }
 
 int FakeWinInet::Count(const std::string& words) const {

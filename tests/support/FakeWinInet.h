@@ -83,6 +83,7 @@ public:
   // WinInet would), then delivers the HANDLE_CLOSING notifications that waited for them.
   void ReleaseHung();
 
+  // The request handles' records, in the order they were made.
   std::vector<Request> Requests() const;
   // The log holds one line per call: the entry point's name and its main argument (server:port
   // of InternetConnectW, the size offered to a write or read, REPLACE or ADD of a header call,
@@ -121,7 +122,6 @@ private:
   std::map<std::string, std::vector<FakeCall>> scripts;
   std::map<std::uintptr_t, std::unique_ptr<Handle>> handles;
   std::vector<std::unique_ptr<Pending>> pending;
-  std::vector<Request> requests;
   std::vector<std::string> log;
   std::string reply;
   bool closeCancels = true;
