@@ -1,3 +1,4 @@
+#include <qorxmlu/foundation/Utility.h>
 #include <qorxmlu/http/HttpClient.h>
 
 #include "ErrorText.h"
@@ -5,14 +6,18 @@
 #include "StringPrinter.h"
 #include "TempDir.h"
 #include "http/HttpClientImp.h"
+#include "http/InternetErrors.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <atomic>
+#include <cstring>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace QOR {
@@ -22,7 +27,395 @@ using test::FakeCall;
 using test::FakeWinInet;
 using test::TakeText;
 using test::TakeTexts;
-using Api = FakeWinInet::Api;
+
+// WinInet's error words, then the engine on its own, for an owner that hands it a plain body.
+
+TEST(InternetErrorsTest, TableRangeAndSystemWords) {
+  auto textOf = [](DWORD code) {
+    String text(u"untouched");
+    return InternetErrorText(code, text) ? text.ToUtf8() : "outside: " + text.ToUtf8();
+  };
+  EXPECT_EQ(textOf(12002), "INTERNET_TIMEOUT");
+  EXPECT_EQ(textOf(12007), "Problem accessing the Internet. UNRESOLVED URL");
+  EXPECT_EQ(textOf(12171), "INTERNET FAILED DUE TO SECURITY CHECK");
+  for (DWORD code : {12000u, 12035u, 12051u, 12100u, 12172u, 12192u})
+    EXPECT_EQ(textOf(code), "Unspecified Internet error");
+  for (DWORD code : {11999u, 12193u}) EXPECT_EQ(textOf(code), "outside: untouched");
+
+  EXPECT_EQ(TakeText(MakeInternetError(String(u"Can't connect to web site: "), 12029)),
+            "Can't connect to web site: CANNOT CONNECT");
+  // Outside the range the words speak of the thread's last error, not of the code in hand.
+  SetLastError(6);
+  EXPECT_EQ(TakeText(MakeInternetError(String(u"Error closing File handle"), 12193)),
+            "Error closing File handle" + GetSystemErrMsge().ToUtf8());
+}
+
+class Owner : public HttpClientBase {
+public:
+  Owner() : HttpClientBase(u"test agent", u"example.test", false, 1, 1) {
+    connectTimeout = 300;
+    requestTimeout = 300;
+  }
+  void UpdateBytesTransferred(std::size_t transferred, std::size_t total) override {
+    updates.emplace_back(transferred, total);
+  }
+  ErrorInfo* GetRequestBuffer(const String&, const char*& buffer, std::size_t& length) override {
+    char* block = new char[body.size()];
+    std::memcpy(block, body.data(), body.size());
+    buffer = block;
+    length = claimed ? claimed : body.size();
+    return nullptr;
+  }
+
+  std::string body = "the body";
+  std::size_t claimed = 0; // a length to claim for the body instead of its own
+  std::vector<std::pair<std::size_t, std::size_t>> updates;
+};
+
+// The next waits of the engine fail, as a broken wait would.
+struct FailingWaits {
+  static inline std::atomic<int> left{0};
+  static int Wait(SVArray<Event*, Event*>& events, int milliseconds) {
+    if (left.fetch_sub(1) > 0) return -2;
+    return WaitOnEvents(events, milliseconds);
+  }
+  explicit FailingWaits(int count) : previous(engineWait) {
+    left = count;
+    engineWait = &Wait;
+  }
+  ~FailingWaits() { engineWait = previous; }
+  int (*previous)(SVArray<Event*, Event*>&, int);
+};
+
+class EngineTest : public testing::Test {
+protected:
+  void Fresh() {
+    engine.reset();
+    fake.reset();
+    fake = std::make_unique<FakeWinInet>();
+    owner = std::make_unique<Owner>();
+    engine = std::make_unique<HttpClientImp>(owner.get());
+  }
+  void SetUp() override { Fresh(); }
+
+  void Connect() { ASSERT_EQ(TakeText(engine->Connect()), ""); }
+  std::string Send() {
+    EXPECT_EQ(TakeText(engine->FetchRequestBuffer()), "");
+    return TakeText(engine->SendRequest(u"/path"));
+  }
+  // A request up to and including the call of api.
+  std::string RunThrough(const std::string& api) {
+    Connect();
+    std::string error = Send();
+    if (api != "InternetReadFileExA") return error;
+    EXPECT_EQ(error, "");
+    String reply;
+    return TakeText(engine->ReadReply(reply));
+  }
+
+  std::unique_ptr<FakeWinInet> fake;
+  std::unique_ptr<Owner> owner;
+  std::unique_ptr<HttpClientImp> engine;
+};
+
+struct StepCase {
+  std::string api;
+  std::string immediate, timedOut, failedWait, completion;
+  bool cancels;
+};
+
+const StepCase stepCases[] = {
+    {"HttpOpenRequestA", "Can't get requested data: ", "Timed out opening request", "Failed opening request",
+     "Error opening request: ", false},
+    {"HttpSendRequestExW", "Can't send request: ", "Timed out sending request", "Failed sending request",
+     "Error sending request: ", true},
+    {"InternetWriteFile", "Can't write requested data: ", "Timed out writing requested data",
+     "Failed writing requested data", "Error writing requested data: ", true},
+    {"HttpEndRequestW", "Can't http end request: ", "Timed out ending http request", "Failed ending http request",
+     "Error ending http request: ", false},
+    {"InternetReadFileExA", "Can't read requested data: ", "Timed out reading requested data",
+     "Failed reading requested data", "Error reading requested data: ", true},
+};
+
+TEST_F(EngineTest, PendingPatternGivesEachStepItsWords) {
+  for (const StepCase& step : stepCases) {
+    SCOPED_TRACE(step.timedOut);
+    Fresh();
+    fake->Script(step.api, FakeCall::Fail(12029));
+    EXPECT_EQ(RunThrough(step.api), step.immediate + "CANNOT CONNECT");
+
+    Fresh();
+    fake->Script(step.api, FakeCall::Pend(5, 12030));
+    EXPECT_EQ(RunThrough(step.api), step.completion + "CONNECTION ABORTED");
+
+    Fresh();
+    owner->requestTimeout = 60;
+    fake->Script(step.api, FakeCall::Hang());
+    EXPECT_EQ(RunThrough(step.api), step.timedOut);
+    EXPECT_EQ(engine->RequestCancelled(), step.cancels);
+    EXPECT_EQ(fake->Count("InternetCloseHandle request") > 0, step.cancels);
+
+    Fresh();
+    fake->Script(step.api, FakeCall::Hang());
+    {
+      FailingWaits failing(1);
+      EXPECT_EQ(RunThrough(step.api), step.failedWait);
+    }
+    EXPECT_EQ(engine->RequestCancelled(), step.cancels);
+
+    // A cancel from another thread ends the pending call (the engine holds the lock it takes
+    // until the call has returned). An open has no handle to close yet.
+    if (step.api == "HttpOpenRequestA") continue;
+    Fresh();
+    std::thread canceller;
+    fake->Script(step.api, FakeCall::Hang().Inside([&] {
+      canceller = std::thread([this] { delete engine->CancelRequest(); });
+    }));
+    EXPECT_EQ(RunThrough(step.api), step.completion + "OPERATION CANCELLED");
+    canceller.join();
+  }
+}
+
+TEST_F(EngineTest, ConnectPassesTheOwnersSettings) {
+  struct {
+    const char16_t* server;
+    bool secure;
+    const char* connect;
+  } addresses[] = {{u"example.test", false, "InternetConnectW example.test:80"},
+                   {u"example.test", true, "InternetConnectW example.test:443"},
+                   {u"[::1]:8443", false, "InternetConnectW [::1]:8443"},
+                   {u"host:1090", false, "InternetConnectW host:1090"},
+                   {u"host:port", false, "InternetConnectW host:port:80"}};
+  for (const auto& address : addresses) {
+    Fresh();
+    owner->server = address.server;
+    owner->secure = address.secure;
+    // A connection handle that comes through the callback serves as well.
+    fake->Script("InternetConnectW", FakeCall::Pend(5));
+    Connect();
+    EXPECT_EQ(fake->Count(address.connect), 1) << address.connect;
+    EXPECT_EQ(Send(), "");
+  }
+}
+
+TEST_F(EngineTest, ConnectFailuresLeaveNothingOpen) {
+  struct {
+    std::string api;
+    FakeCall call;
+    int failedWaits;
+    const char* words;
+  } cases[] = {
+      {"InternetOpenW", FakeCall::Fail(12004), 0, "Error opening Internet"},
+      {"InternetSetStatusCallbackW", FakeCall::Fail(12004), 0, "Error setting callback for Internet"},
+      {"InternetConnectW", FakeCall::Fail(12029), 0, "Can't connect to web site: CANNOT CONNECT"},
+      {"InternetConnectW", FakeCall::Pend(5, 12007), 0,
+       "Error connecting to web site: Problem accessing the Internet. UNRESOLVED URL"},
+      {"InternetConnectW", FakeCall::Hang(), 0, "Timed out connecting to web site."},
+      {"InternetConnectW", FakeCall::Hang(), 1, "Failed connecting to web site."},
+  };
+  for (auto& entry : cases) {
+    Fresh();
+    owner->connectTimeout = 60;
+    fake->Script(entry.api, std::move(entry.call));
+    FailingWaits failing(entry.failedWaits);
+    EXPECT_EQ(TakeText(engine->Connect()), entry.words);
+    // The root is closed, after its callback is taken away.
+    EXPECT_EQ(fake->Count("InternetCloseHandle root"), entry.api == "InternetOpenW" ? 0 : 1) << entry.words;
+    if (entry.api == "InternetConnectW")
+      EXPECT_LT(fake->Position("InternetSetStatusCallbackW null"), fake->Position("InternetCloseHandle root")) << entry.words;
+    // Nothing of the failure stays behind for the next connect.
+    fake->Script("InternetConnectW", FakeCall::Pend(5));
+    EXPECT_EQ(TakeText(engine->Connect()), "") << entry.words;
+  }
+}
+
+TEST_F(EngineTest, CloseFailuresForgetTheHandle) {
+  struct {
+    FakeCall close;
+    const char* words;
+  } cases[] = {{FakeCall::Fail(12004), "Error closing File handleINTERNET INTERNAL ERROR"},
+               {FakeCall::Fail(6), "Timed out trying to close File handle"},
+               {FakeCall::Hang(), "Timed out trying to close File handle"},
+               {FakeCall::Pend(5, 12030), "Error closing File handleCONNECTION ABORTED"}};
+  for (auto& entry : cases) {
+    SCOPED_TRACE(entry.words);
+    Fresh();
+    owner->connectTimeout = 60;
+    Connect();
+    EXPECT_EQ(Send(), "");
+    fake->Script("InternetCloseHandle", std::move(entry.close));
+    EXPECT_EQ(TakeText(engine->CloseRequest()), entry.words);
+    int closes = fake->Count("InternetCloseHandle");
+    EXPECT_EQ(TakeText(engine->CloseRequest()), "");
+    EXPECT_EQ(fake->Count("InternetCloseHandle"), closes);
+  }
+}
+
+TEST_F(EngineTest, WritesGoInChunksAndShortWritesContinueWhereTheyStopped) {
+  owner->transferBlockSize = 100;
+  owner->body.clear();
+  for (int i = 0; i < 250; ++i) owner->body += static_cast<char>('a' + i % 26);
+  Connect();
+  fake->Script("InternetWriteFile", FakeCall::Succeed(60));
+  fake->Script("InternetWriteFile", FakeCall::Pend(5, 0, 30));
+  EXPECT_EQ(Send(), "");
+  auto request = fake->Requests().at(0);
+  EXPECT_EQ(request.writesOffered, (std::vector<::DWORD>{100, 100, 100, 60}));
+  EXPECT_EQ(request.body, owner->body);
+
+  owner->body.assign(100, 'x');
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Requests().at(1).writesOffered, std::vector<::DWORD>{100});
+
+  // With progress the body goes in as many chunks as there are steps, each one reported.
+  owner->body.assign(1000, 'p');
+  owner->progressTotal = 1000;
+  owner->progressDuration = 50;
+  owner->progressInterval = 10;
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Requests().at(2).writesOffered, (std::vector<::DWORD>(5, 200)));
+  ASSERT_EQ(owner->updates.size(), 5u);
+  EXPECT_EQ(owner->updates.back(), (std::pair<std::size_t, std::size_t>{1000, 1000}));
+  owner->progressInterval = 0; // taken as 1 ms
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Requests().at(3).writesOffered, (std::vector<::DWORD>(50, 20)));
+}
+
+// An owner may build its own body; the engine holds it to WinInet's 32-bit length too.
+TEST_F(EngineTest, BodyOf4GiBFromTheOwnerIsNeverSent) {
+  owner->claimed = std::size_t{1} << 32;
+  Connect();
+  EXPECT_EQ(Send(), "Request body too large: 4 GiB or more");
+  EXPECT_EQ(fake->Count("HttpOpenRequestA"), 0);
+}
+
+TEST_F(EngineTest, HeaderCallReplacesThenAdds) {
+  Connect();
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12150));
+  EXPECT_EQ(Send(), "");
+  EXPECT_LT(fake->Position("HttpAddRequestHeadersW REPLACE"), fake->Position("HttpAddRequestHeadersW ADD"));
+
+  // Other failures of REPLACE go unreported and the request goes on.
+  Fresh();
+  Connect();
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12019));
+  EXPECT_EQ(Send(), "");
+  EXPECT_EQ(fake->Count("HttpAddRequestHeadersW"), 1);
+  EXPECT_EQ(fake->Count("HttpSendRequestExW"), 1);
+
+  // A failed ADD ends the step; the failure of the end that follows is not reported.
+  Fresh();
+  Connect();
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12150));
+  fake->Script("HttpAddRequestHeadersW", FakeCall::Fail(12153));
+  fake->Script("HttpEndRequestW", FakeCall::Fail(12018));
+  EXPECT_EQ(Send(), "Error adding request headers: INVALID HEADER");
+  EXPECT_EQ(fake->Count("HttpSendRequestExW"), 0);
+  EXPECT_EQ(fake->Count("HttpEndRequestW"), 1);
+}
+
+TEST_F(EngineTest, CancelBetweenTheCallAndTheStore) {
+  for (bool pending : {false, true}) {
+    SCOPED_TRACE(pending ? "pending open" : "open at once");
+    Fresh();
+    Connect();
+    FakeCall open = pending ? FakeCall::Pend(5) : FakeCall::Succeed();
+    fake->Script("HttpOpenRequestA", std::move(open).Inside([this] { delete engine->CancelRequest(); }));
+    EXPECT_EQ(Send(), "Request cancelled");
+    EXPECT_TRUE(engine->RequestCancelled());
+    EXPECT_EQ(fake->Count("HttpEndRequestW"), 0);
+    EXPECT_EQ(TakeText(engine->CloseRequest()), "");
+    EXPECT_EQ(fake->Count("InternetCloseHandle"), 0) << "the handle was never stored";
+  }
+  // The next request clears the mark.
+  EXPECT_EQ(Send(), "");
+  EXPECT_FALSE(engine->RequestCancelled());
+  // With nothing in flight a cancel only sets the mark.
+  EXPECT_EQ(TakeText(engine->CloseRequest()), "");
+  int closes = fake->Count("InternetCloseHandle");
+  EXPECT_EQ(TakeText(engine->CancelRequest()), "");
+  EXPECT_TRUE(engine->RequestCancelled());
+  EXPECT_EQ(fake->Count("InternetCloseHandle"), closes);
+}
+
+// A read that fails leaves the reply and the buffer alone. After a failed wait the Base64 read
+// looks at the completion, which the cancel that follows makes 12017.
+TEST_F(EngineTest, FailedReadsLeaveTheReplyAlone) {
+  for (bool base64 : {false, true}) {
+    for (int failedWaits : {0, 1}) {
+      Fresh();
+      fake->SetReply("abcdef");
+      Connect();
+      EXPECT_EQ(Send(), "");
+      if (!failedWaits) fake->Script("InternetReadFileExA", FakeCall::Succeed(3));
+      fake->Script("InternetReadFileExA", failedWaits ? FakeCall::Hang() : FakeCall::Fail(12030));
+      FailingWaits failing(failedWaits);
+      String reply(u"before");
+      char* buffer = nullptr;
+      std::size_t length = 99;
+      std::string text = base64 ? TakeText(engine->ReadBase64Reply(4, buffer, length)) : TakeText(engine->ReadReply(reply));
+      EXPECT_EQ(text, !failedWaits   ? "Can't read requested data: CONNECTION ABORTED"
+                      : base64       ? "Error reading requested data: OPERATION CANCELLED"
+                                     : "Failed reading requested data");
+      EXPECT_EQ(reply, u"before");
+      // A short read leaves the rest of its block to the next read, not more.
+      if (!failedWaits) EXPECT_EQ(fake->Count("InternetReadFileExA " + std::to_string((base64 ? 4 : 102400) - 3)), 1);
+      EXPECT_EQ(buffer, nullptr);
+      EXPECT_EQ(length, 99u);
+    }
+  }
+}
+
+// Under Wine a close leaves a pending call running; its completion and HANDLE_CLOSING may come
+// while the engine runs the next request, or after it is gone. They must land in memory that is
+// still there (checked under ASan) and not disturb the next request.
+TEST_F(EngineTest, LateCallbacksFindNothingFreed) {
+  for (std::string api : {"InternetReadFileExA", "HttpEndRequestW", "InternetWriteFile"}) {
+    Fresh();
+    fake->SetCloseCancels(false);
+    owner->requestTimeout = 50;
+    owner->connectTimeout = 50;
+    owner->body.assign(300000, 'b');
+    // The end fails late, the others succeed late.
+    fake->Script(api, FakeCall::Hang(api == "HttpEndRequestW" ? 12030 : 0));
+    std::string error = RunThrough(api);
+    EXPECT_NE(error.find("Timed out"), std::string::npos) << error;
+    delete engine->Disconnect();
+    if (api == "InternetWriteFile") {
+      engine.reset();
+      fake->SetReply(std::string(200000, 'r'));
+      fake->ReleaseHung();
+      continue;
+    }
+    // The late completion comes in the middle of the next request, which reads its own reply and
+    // does not take the late error for one of its own end.
+    owner->requestTimeout = 1000;
+    owner->connectTimeout = 1000;
+    owner->body = "second";
+    fake->SetReply("second reply");
+    Connect();
+    fake->Script("HttpSendRequestExW", FakeCall::Succeed().Inside([this] { fake->ReleaseHung(); }));
+    fake->Script("HttpEndRequestW", FakeCall::Pend(5));
+    EXPECT_EQ(Send(), "");
+    String reply;
+    EXPECT_EQ(TakeText(engine->ReadReply(reply)), "");
+    EXPECT_EQ(reply, u"second reply");
+  }
+}
+
+// HttpClient over the engine: the form, the body and the progress figure.
+
+std::string TextPart(const std::string& name, const std::string& value) {
+  return "--gc0p4Jq0M2Yt08jU534c0p\r\nContent-Disposition: form-data; name=\"" + name +
+         "\"\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: 8bit\r\n\r\n" + value;
+}
+
+std::string FileHead(const std::string& param, const std::string& fileName) {
+  return "--gc0p4Jq0M2Yt08jU534c0p\r\nContent-Disposition: form-data; name=\"" + param + "\"; filename=\"" + fileName +
+         "\"\r\nContent-Type: application/base64\r\nContent-Transfer-Encoding: Base64\r\n\r\n";
+}
+
+const std::string closing = "\r\n--gc0p4Jq0M2Yt08jU534c0p--";
 
 class RecordingClient : public HttpClient {
 public:
@@ -46,19 +439,6 @@ protected:
   void SetUp() override { uploadBlockSize = 64; }
   void TearDown() override { uploadBlockSize = blockSize; }
 
-  // The body that the form and the file make, as one block.
-  std::string WholeBody(const String& file) {
-    HttpClient twin(u"agent", u"example.test", false, 1, 1);
-    twin.AddFormField(u"id", u"7");
-    twin.SetUploadFile(file, u"userfile");
-    const char* buffer = nullptr;
-    std::size_t length = 0;
-    EXPECT_EQ(TakeText(twin.GetRequestBuffer(u"gc0p4Jq0M2Yt08jU534c0p", buffer, length)), "");
-    std::string body(buffer, length);
-    delete[] buffer;
-    return body;
-  }
-
   std::string Retrieve(const char16_t* url = u"/q.php") {
     String reply;
     std::string error = TakeText(client.Retrieve(url, reply));
@@ -73,34 +453,24 @@ protected:
   std::string lastReply;
 };
 
-TEST_F(ClientTest, RetrievePostsTheFormBehindTheUrlPrefix) {
-  fake.SetReply("answer");
-  client.AddUrlPrefix(u"/first");
-  client.AddUrlPrefix(u"/api");
-  client.AddFormField(u"id", u"7");
-  EXPECT_EQ(Retrieve(), "");
-  EXPECT_EQ(lastReply, "answer");
-  EXPECT_EQ(client.requestUrl, u"/api/q.php");
-  EXPECT_EQ(client.formNames.Size(), 0u);
-  client.AddUrlPrefix(u"");
-  EXPECT_EQ(Retrieve(), "");
-  auto requests = fake.Requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].objectName, "/api/q.php");
-  EXPECT_EQ(requests[1].objectName, "/q.php");
-  EXPECT_NE(requests[0].body.find("name=\"id\"\r\nContent-Type: text/plain; charset=utf-8"), std::string::npos);
-  EXPECT_EQ(requests[1].body, "\r\n--gc0p4Jq0M2Yt08jU534c0p--");
-}
-
+// The errors of a failed request and of the closes after it join in the order they arose.
 TEST_F(ClientTest, ConnectionIsKeptAfterSuccessAndRemadeAfterFailure) {
   EXPECT_EQ(Retrieve(), "");
   EXPECT_EQ(Retrieve(), "");
   EXPECT_EQ(fake.Count("InternetConnectW"), 1);
   EXPECT_EQ(fake.Count("InternetCloseHandle request"), 2);
 
-  fake.Script(Api::InternetWriteFile, FakeCall::Fail(12031));
-  EXPECT_EQ(Retrieve(), "Can't write requested data: CONNECTION RESET");
+  fake.Script("InternetWriteFile", FakeCall::Fail(12031));
+  fake.Script("InternetCloseHandle", FakeCall::Fail(12004));
+  fake.Script("InternetCloseHandle", FakeCall::Fail(12005));
+  String failed;
+  EXPECT_EQ(TakeTexts(client.Retrieve(u"/q", failed)),
+            (std::vector<std::string>{"Can't write requested data: CONNECTION RESET",
+                                      "Error closing File handleINTERNET INTERNAL ERROR",
+                                      "Error closing HTTP handleINVALID URL"}));
   EXPECT_EQ(fake.Count("InternetCloseHandle root"), 1);
+  // The root has no context for the callback: the callback goes first.
+  EXPECT_LT(fake.Position("InternetSetStatusCallbackW null"), fake.Position("InternetCloseHandle root"));
   EXPECT_TRUE(client.RequestCancelled()) << "a dropped connection leaves the mark set";
 
   fake.SetReply("again");
@@ -111,7 +481,7 @@ TEST_F(ClientTest, ConnectionIsKeptAfterSuccessAndRemadeAfterFailure) {
 }
 
 TEST_F(ClientTest, FailedConnectKeepsTheForm) {
-  fake.Script(Api::InternetConnectW, FakeCall::Fail(12029));
+  fake.Script("InternetConnectW", FakeCall::Fail(12029));
   client.AddFormField(u"id", u"7");
   client.progressTotal = 10;
   String reply(u"untouched");
@@ -122,64 +492,72 @@ TEST_F(ClientTest, FailedConnectKeepsTheForm) {
   EXPECT_EQ(fake.Count("HttpOpenRequestA"), 0);
 }
 
-TEST_F(ClientTest, ErrorsJoinInTheOrderTheyArose) {
-  fake.Script(Api::InternetWriteFile, FakeCall::Fail(12031));
-  fake.Script(Api::InternetCloseHandle, FakeCall::Fail(12004));
-  fake.Script(Api::InternetCloseHandle, FakeCall::Fail(12005));
-  String reply;
-  EXPECT_EQ(TakeTexts(client.Retrieve(u"/q", reply)),
-            (std::vector<std::string>{"Can't write requested data: CONNECTION RESET",
-                                      "Error closing File handleINTERNET INTERNAL ERROR",
-                                      "Error closing HTTP handleINVALID URL"}));
-}
-
-// A derived client may build its own body; the engine holds it to WinInet's 32-bit length too.
-TEST(ClientLimitTest, BodyOf4GiBFromADerivedClientIsNeverSent) {
-  class HugeBodyClient : public RecordingClient {
-  public:
-    ErrorInfo* GetRequestBuffer(const String&, const char*& buffer, std::size_t& length) override {
-      buffer = new char[1];
-      length = std::size_t{1} << 32;
-      return nullptr;
-    }
+// Each row is one form, consumed by the request that takes it; a file is written under its name.
+// The file goes out from the file in blocks of every size that cuts the body in other places, or
+// with the rest of the body as one block. The first write is short and pends (so the next block is
+// read meanwhile, into the other stage, and the write goes on within its block), and so does the
+// second.
+TEST_F(ClientTest, FormsGoOutByteForByteInBlocksOfEverySize) {
+  const char raw[] = "\0\r\n--gc0p4Jq0M2Yt08jU534c0p\xff";
+  const std::string binary(raw, sizeof raw - 1);
+  struct Row {
+    std::vector<std::pair<const char16_t*, const char16_t*>> fields;
+    const char* file;
+    std::string bytes;
+    const char16_t* param;
+    std::string body;
+  } rows[] = {
+      {{{u"id", u"7"}, {u"skip", u""}, {u"note", u"hi"}}, "abc.txt", "abc", u"userfile",
+       TextPart("id", "7") + "\r\n" + TextPart("note", "hi") + "\r\n" + FileHead("userfile", "abc.txt") + "abc" + closing},
+      {{}, nullptr, "", nullptr, closing},
+      // Line ends follow the field index, not the parts written.
+      {{{u"a", u""}, {u"b", u""}}, nullptr, "", nullptr, closing},
+      {{{u"empty", u""}, {u"b", u"2"}}, nullptr, "", nullptr, "\r\n" + TextPart("b", "2") + closing},
+      {{}, "f.bin", "x", u"up", FileHead("up", "f.bin") + "x" + closing},
+      {{{u"empty", u""}}, "f.bin", "x", u"up", "\r\n" + FileHead("up", "f.bin") + "x" + closing},
+      // File bytes pass unchanged; text goes out as UTF-8 without escapes.
+      {{}, "zeros.bin", binary, u"", FileHead("", "zeros.bin") + binary + closing},
+      {{}, "empty.bin", "", u"p", FileHead("p", "empty.bin") + closing},
+      {{{u"n\u00e4me\"", u"v\u20acl\r\nue"}}, "u.txt", "1", u"f\u00fc",
+       TextPart("n\xc3\xa4me\"", "v\xe2\x82\xacl\r\nue") + "\r\n" + FileHead("f\xc3\xbc", "u.txt") + "1" + closing},
   };
-  FakeWinInet fake;
-  HugeBodyClient client;
-  String reply(u"untouched");
-  EXPECT_EQ(TakeText(client.Retrieve(u"/q", reply)), "Request body too large: 4 GiB or more");
-  EXPECT_EQ(reply, u"untouched");
-  EXPECT_EQ(fake.Count("HttpOpenRequestA"), 0);
-  EXPECT_EQ(fake.Count("HttpSendRequestExW"), 0);
-}
-
-TEST_F(ClientTest, CancelFromAnotherThreadInEachStage) {
-  struct {
-    Api api;
-    std::string entryPoint;
-    std::string words;
-  } stages[] = {{Api::HttpSendRequestExW, "HttpSendRequestExW", "Error sending request: OPERATION CANCELLED"},
-                {Api::InternetWriteFile, "InternetWriteFile", "Error writing requested data: OPERATION CANCELLED"},
-                {Api::HttpEndRequestW, "HttpEndRequestW", "Error ending http request: OPERATION CANCELLED"},
-                {Api::InternetReadFileExA, "InternetReadFileExA", "Error reading requested data: OPERATION CANCELLED"}};
-  for (const auto& stage : stages) {
-    SCOPED_TRACE(stage.entryPoint);
-    int before = fake.Count(stage.entryPoint);
-    // The body goes out from its file, so that a cancel ends a write of a block of it.
-    client.SetUploadFile(folder.Write("upload.bin", std::string(100, 'u')), u"userfile");
-    fake.Script(stage.api, FakeCall::Hang());
-    std::thread canceller([&] {
-      for (int i = 0; i < 2000 && fake.Count(stage.entryPoint) == before; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      delete client.CancelRequest();
-    });
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(Retrieve(), stage.words);
-    canceller.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(client.requestTimeout));
+  for (const Row& row : rows) {
+    for (std::size_t block : {std::size_t{1}, std::size_t{2}, std::size_t{7}, blockSize}) {
+      for (auto [name, value] : row.fields) client.AddFormField(name, value);
+      if (row.file) client.SetUploadFile(folder.Write(row.file, row.bytes), row.param);
+      uploadBlockSize = block;
+      fake.Script("InternetWriteFile", FakeCall::Pend(1, 0, 1));
+      fake.Script("InternetWriteFile", FakeCall::Pend(1));
+      EXPECT_EQ(Retrieve(), "");
+      EXPECT_EQ(fake.Requests().back().body, row.body) << block;
+      EXPECT_EQ(fake.Requests().back().announced, row.body.size()) << block;
+      EXPECT_EQ(client.formNames.Size(), 0u);
+      EXPECT_TRUE(client.uploadFile.IsEmpty());
+    }
   }
 }
 
-TEST_F(ClientTest, ProgressOnlyWhenAskedForStartsAtZeroRisesStrictlyAndEndsAt100) {
+// A missing file, and one whose size alone with the headers makes the body 4 GiB (sparse: it
+// takes no room and is never read; a 32-bit count would wrap to a few hundred bytes).
+TEST_F(ClientTest, FormThatCannotBeSentFailsAndIsStillConsumed) {
+  folder.Write("big.bin", "");
+  std::filesystem::resize_file(folder.Path("big.bin"), 0xFFFFFFFFull - 100);
+  for (const char* file : {"missing.txt", "big.bin"}) {
+    client.AddFormField(u"id", u"7");
+    client.SetUploadFile(folder.File(file), u"userfile");
+    const char* buffer = reinterpret_cast<const char*>(1);
+    std::size_t length = 99;
+    std::string text = TakeText(client.GetRequestBuffer(u"gc0p4Jq0M2Yt08jU534c0p", buffer, length));
+    EXPECT_NE(text.find(file[0] == 'm' ? "missing.txt" : "Request body too large: 4 GiB or more"), std::string::npos)
+        << text;
+    EXPECT_EQ(buffer, nullptr);
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(client.formNames.Size(), 0u);
+    EXPECT_TRUE(client.uploadFile.IsEmpty());
+  }
+}
+
+TEST_F(ClientTest, ProgressOnlyWhenAskedForStartsAtZeroRisesStrictlyAndEndsAt100AnyTotal) {
   std::size_t total = 99;
   EXPECT_EQ(client.GetBytesTransferred(total), 0u);
   EXPECT_EQ(total, 0u);
@@ -188,60 +566,27 @@ TEST_F(ClientTest, ProgressOnlyWhenAskedForStartsAtZeroRisesStrictlyAndEndsAt100
   EXPECT_EQ(total, 0u);
   EXPECT_TRUE(client.percents.empty());
 
-  client.AddFormField(u"data", String(std::u16string(10000, u'd')));
-  client.progressTotal = 5000;
-  client.progressDuration = 100;
-  client.progressInterval = 10;
-  int writesBefore = fake.Count("InternetWriteFile");
-  EXPECT_EQ(Retrieve(), "");
-  EXPECT_EQ(client.progressTotal, 0u);
-  // Ten chunks, one per step, and the rest of the integer division behind them.
-  std::size_t size = fake.Requests().at(1).body.size();
-  EXPECT_EQ(fake.Count("InternetWriteFile") - writesBefore, static_cast<int>((size + size / 10 - 1) / (size / 10)));
-  std::lock_guard<std::mutex> hold(client.lock);
-  ASSERT_GE(client.percents.size(), 2u);
-  EXPECT_EQ(client.percents.front(), 0);
-  EXPECT_EQ(client.percents.back(), 100);
-  for (std::size_t i = 1; i < client.percents.size(); ++i) EXPECT_GT(client.percents[i], client.percents[i - 1]);
-  for (std::thread::id thread : client.threads) EXPECT_NE(thread, std::this_thread::get_id());
-  std::size_t transferred = client.GetBytesTransferred(total);
-  EXPECT_EQ(transferred, total);
-  EXPECT_EQ(total, size);
-}
-
-// Writes that pend let the next block be read meanwhile, into the other stage; short writes go
-// on within their block. With progress a block may take several writes, each one reported.
-TEST_F(ClientTest, UploadFileGoesOutFromTheFileInBlocks) {
-  std::string bytes;
-  for (int i = 0; i < 1000; ++i) bytes += static_cast<char>(i * 7);
-  String file = folder.Write("upload.bin", bytes);
-  const std::string whole = WholeBody(file);
-  for (bool progress : {false, true}) {
-    SCOPED_TRACE(progress ? "progress" : "no progress");
-    for (int i = 0; i < (progress ? 40 : 6); ++i) fake.Script(Api::InternetWriteFile, FakeCall::Pend(1));
-    FakeCall shortWrite = FakeCall::Pend(1);
-    shortWrite.bytes = 10;
-    fake.Script(Api::InternetWriteFile, std::move(shortWrite));
-    fake.Script(Api::InternetWriteFile, FakeCall::Succeed(3));
-    client.AddFormField(u"id", u"7");
-    client.SetUploadFile(file, u"userfile");
-    if (progress) {
-      client.progressTotal = whole.size();
-      // Fifty chunks: several to a block.
-      client.progressDuration = 100;
-      client.progressInterval = 2;
-    }
+  // A total of fewer bytes than ticks gives a pace of 0: the figure then follows the bytes, and
+  // still reaches 100 well within the limit.
+  for (std::size_t progressTotal : {std::size_t{5000}, std::size_t{5}}) {
+    client.AddFormField(u"data", String(std::u16string(10000, u'd')));
+    client.progressTotal = progressTotal;
+    client.progressDuration = 100;
+    client.progressInterval = 10;
     EXPECT_EQ(Retrieve(), "");
-    FakeWinInet::Request request = fake.Requests().back();
-    EXPECT_EQ(request.body, whole);
-    EXPECT_EQ(request.announced, whole.size());
-    EXPECT_LE(*std::max_element(request.writesOffered.begin(), request.writesOffered.end()), 64u);
-    std::size_t total = 0;
-    EXPECT_EQ(client.GetBytesTransferred(total), progress ? whole.size() : 0u);
+    EXPECT_EQ(client.progressTotal, 0u);
+    std::size_t size = fake.Requests().back().body.size();
+    std::lock_guard<std::mutex> hold(client.lock);
+    ASSERT_GE(client.percents.size(), 2u);
+    EXPECT_EQ(client.percents.front(), 0);
+    EXPECT_EQ(client.percents.back(), 100);
+    for (std::size_t i = 1; i < client.percents.size(); ++i) EXPECT_GT(client.percents[i], client.percents[i - 1]);
+    for (std::thread::id thread : client.threads) EXPECT_NE(thread, std::this_thread::get_id());
+    std::size_t transferred = client.GetBytesTransferred(total);
+    EXPECT_EQ(transferred, total);
+    EXPECT_EQ(total, size);
+    client.percents.clear();
   }
-  std::lock_guard<std::mutex> hold(client.lock);
-  ASSERT_FALSE(client.percents.empty());
-  EXPECT_EQ(client.percents.back(), 100);
 }
 
 // A file that shrinks or grows while it goes out fails the request before its closing line is
@@ -249,18 +594,15 @@ TEST_F(ClientTest, UploadFileGoesOutFromTheFileInBlocks) {
 TEST_F(ClientTest, UploadFileThatChangesSizeFailsTheRequestUnfinished) {
   for (std::size_t size : {std::size_t{100}, std::size_t{300}}) {
     String file = folder.Write("upload.bin", std::string(200, 'f'));
-    const std::string whole = WholeBody(file);
     client.AddFormField(u"id", u"7");
     client.SetUploadFile(file, u"userfile");
     int ends = fake.Count("HttpEndRequestW");
-    fake.Script(Api::InternetWriteFile,
+    fake.Script("InternetWriteFile",
                 FakeCall::Succeed().Inside([&] { std::filesystem::resize_file(folder.Path("upload.bin"), size); }));
     EXPECT_EQ(Retrieve(), "Upload file changed size while it was sent '" + file.ToUtf8() + "'");
     EXPECT_TRUE(client.RequestCancelled());
     EXPECT_EQ(fake.Count("HttpEndRequestW"), ends);
-    std::string sent = fake.Requests().back().body;
-    EXPECT_LT(sent.size(), whole.size() - 26);
-    EXPECT_EQ(whole.rfind(sent, 0), 0u);
+    EXPECT_EQ(fake.Requests().back().body.find("--gc0p4Jq0M2Yt08jU534c0p--"), std::string::npos);
   }
 }
 
@@ -289,33 +631,6 @@ TEST_F(ClientTest, DerivedBodyThatChangesTheBlockBeforeAStreamedFileFails) {
   EXPECT_NE(fake.Requests().at(0).body.find("\r\n\r\n" + bytes + "\r\n--"), std::string::npos);
 }
 
-TEST_F(ClientTest, FailedPostWithProgressStopsTheProgressThread) {
-  client.progressTotal = 1000;
-  client.progressDuration = 10000;
-  client.progressInterval = 10;
-  fake.Script(Api::HttpSendRequestExW, FakeCall::Fail(12029));
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Retrieve(), "Can't send request: CANNOT CONNECT");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  EXPECT_EQ(client.progressTotal, 0u);
-}
-
-TEST_F(ClientTest, ProgressWithTooSmallATotalFollowsTheBytes) {
-  // Fewer bytes than ticks would give a pace of 0: the figure follows the bytes and reaches 100
-  // well within the limit.
-  client.progressTotal = 5;
-  client.progressDuration = 100;
-  client.progressInterval = 10;
-  client.requestTimeout = 5000;
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Retrieve(), "");
-  EXPECT_FALSE(client.RequestCancelled());
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  std::lock_guard<std::mutex> hold(client.lock);
-  ASSERT_FALSE(client.percents.empty());
-  EXPECT_EQ(client.percents.back(), 100);
-}
-
 TEST(ClientLimitsTest, TimeLimitsTooLongForMillisecondsMeanNoLimit) {
   FakeWinInet fake;
   HttpClient client(u"agent", u"example.test", false, 4294968, 4294967);
@@ -323,7 +638,7 @@ TEST(ClientLimitsTest, TimeLimitsTooLongForMillisecondsMeanNoLimit) {
   EXPECT_EQ(client.requestTimeout, 4294967000u);
   // Beyond what a wait takes in milliseconds, and still no limit: a request that outlives the
   // watchdog's late start is not cancelled.
-  fake.Script(Api::HttpEndRequestW, FakeCall::Pend(50));
+  fake.Script("HttpEndRequestW", FakeCall::Pend(50));
   String reply;
   EXPECT_EQ(TakeText(client.Retrieve(u"/q", reply)), "");
 }
