@@ -122,6 +122,7 @@ TEST_F(Abcd, FindTakesTheLowestDirectHitAndLeavesTheIndexOnAMiss) {
   EXPECT_EQ(top->FindNestedTag(u"deep", &index), nullptr);
   EXPECT_EQ(top->FindNestedTagOnValue(u"none", &index), nullptr);
   EXPECT_EQ(top->FindNestedTagOnAttrValue(u"hit", 1, &index), nullptr);
+  EXPECT_EQ(top->FindNestedTagOnAttrValue(u"hit", -1, &index), nullptr);
   EXPECT_EQ(index, 77u);
   EXPECT_NE(top->FindNestedTag(u"D"), nullptr);
   EXPECT_EQ(top->GetNestedTag(4), nullptr);
@@ -136,7 +137,8 @@ TEST_F(Abcd, MoveAndReplaceCountIndicesBeforeTheMove) {
   } cases[] = {
       {false, 0, 2, "t{B A C D}"}, {false, 0, 4, "t{B C D A}"}, {false, 3, 0, "t{D A B C}"},
       {false, 1, 1, "t{A B C D}"}, {false, 1, 2, "t{A B C D}"}, {true, 0, 2, "t{B A D}"},
-      {true, 3, 1, "t{A D C}"}, {true, 1, 4, "t{A B C D}"},
+      {true, 3, 1, "t{A D C}"}, {true, 1, 4, "t{A B C D}"}, {true, 4, 1, "t{A B C D}"},
+      {true, 2, 2, "t{A B C D}"}, {false, 4, 0, "t{A B C D}"},
   };
   for (const Case& c : cases) {
     XML copy(doc);

@@ -54,6 +54,9 @@ TEST(XMLWriterTest, WritesWhatTheTreeHoldsUnchecked) {
                                             u"\t<quiet />\r\n"
                                             u"</t>\r\n");
   EXPECT_EQ(top->GetValue(), String(u"\na\r\n\n\r-"));
+  test::TempDir dir;
+  EXPECT_EQ(Outcome(doc.Write(dir.File("doc.xml"))), "");
+  EXPECT_EQ(dir.Read("doc.xml"), doc.GetText().ToUtf8());
 }
 
 TEST(XMLWriterTest, WriteAppendsToTheFileBufferAndWritesUtf8) {
@@ -105,6 +108,7 @@ TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
       {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"line\r\n<b />"); }, "", "t{b a}", "t{a}"},
       {[](XMLTag& t) { t.NestTag(u"t")->NestTag(u"b", u"x")->AddComment(u"\n</t>"); }, "", "t{t{b[x]}}", ""},
       {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"x\n!--y"); }, "", "t{a}", ""},
+      {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"v"); t.AddComment(u"x\n!--y"); }, "", "t{a(k=v)}", ""},
       {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"x\n"); }, "Missing end tag for XML data", "t[ -->]", "t{a}"},
       {[](XMLTag& t) { t.NestTag(u"a", u"v")->NestTag(u"b"); }, "Missing end tag for XML data", "t", "a[v]{b}"},
       {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"1/2"); }, "Badly formed XML attribute value", "t", "a(k=1/2)"},
