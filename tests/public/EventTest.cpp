@@ -92,9 +92,7 @@ TEST(EventTest, SetOnAnotherThreadWakesEveryWaitThatListsIt) {
 TEST(EventTest, WaitsEndingWhileSetsRaceThemStayConsistent) {
   Event flag;
   Event never;
-  SVArray<Event*, Event*> list;
-  list.Add(&never);
-  list.Add(&flag);
+  auto list = List({&never, &flag});
   std::atomic<bool> done{false};
   std::atomic<int> signalled{0};
   std::vector<std::thread> waiters;

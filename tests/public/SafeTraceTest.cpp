@@ -6,6 +6,7 @@
 #include "ServiceTest.h"
 #include "TempDir.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -153,12 +154,8 @@ TEST_F(SafeTraceTest, ClientWithTheServerDownOrNoFolder) {
 
   SafeTrace::SetTracePath(folder.File("no-such-folder/trace.txt"));
   SafeTrace::Trace(u"lost without a word");
-  try {
-    SafeTrace::SetTraceClient(down.get());
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Failed to open SafeTrace file");
-  }
+  EXPECT_THAT([&] { SafeTrace::SetTraceClient(down.get()); },
+              testing::ThrowsMessage<std::runtime_error>(testing::StrEq("Failed to open SafeTrace file")));
   // The lock is free again.
   SafeTrace::SetTracePath(folder.File("trace.txt"));
   SafeTrace::Trace(u"after");

@@ -8,6 +8,7 @@
 #include "StringPrinter.h"
 #include "TempDir.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -45,18 +46,9 @@ TEST(SimpleSoapTest, KeepsWhatItWasGivenAndRefusesCopiesWithTheirTexts) {
   EXPECT_EQ(source.GetValues()[1], u"2");
 
   SimpleSoap target(u"b", 2, u"two");
-  try {
-    SimpleSoap copy(source);
-    FAIL() << "copied";
-  } catch (char* text) {
-    EXPECT_STREQ(text, "SimpleSoap copy ctor not supported");
-  }
-  try {
-    target = source;
-    FAIL() << "assigned";
-  } catch (const char* text) {
-    EXPECT_STREQ(text, "SimpleSoap op = not supported");
-  }
+  EXPECT_THAT([&] { SimpleSoap copy(source); },
+              testing::Throws<char*>(testing::StrEq("SimpleSoap copy ctor not supported")));
+  EXPECT_THAT([&] { target = source; }, testing::Throws<const char*>(testing::StrEq("SimpleSoap op = not supported")));
   EXPECT_EQ(target.GetUrl(), u"b");
   EXPECT_EQ(target.QuerySubID(), u"two");
 }

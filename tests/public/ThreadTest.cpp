@@ -104,14 +104,12 @@ TEST(ThreadTest, StopsAtOnceBeforeAnyRunRestartsAfterAStopAndRefusesASecondStart
 std::mutex logLock;
 std::vector<String> logged;
 
-void CollectError(const ErrorInfo& error) {
-  std::lock_guard<std::mutex> hold(logLock);
-  logged.push_back(error.FullText());
-}
-
 TEST(ThreadTest, ErrorsAndExceptionsOfTheBodyAreLogged) {
   logged.clear();
-  SetErrorSink(CollectError);
+  SetErrorSink([](const ErrorInfo& error) {
+    std::lock_guard<std::mutex> hold(logLock);
+    logged.push_back(error.FullText());
+  });
   TestThread failing([](TestThread& self, bool& finished) -> ErrorInfo* {
     finished = self.passes == 2;
     return MakeError(String(u"pass "), self.passes.load());

@@ -10,6 +10,7 @@
 #include <qorxmlu/xml/XML.h>
 #include <qorxmlu/xml/XMLTag.h>
 
+#include "support/ErrorText.h"
 #include "support/RawServer.h"
 
 #include <chrono>
@@ -24,6 +25,7 @@ namespace {
 
 using namespace QOR;
 using namespace std::chrono_literals;
+using test::TakeText;
 
 constexpr std::uint64_t GiB = 1ull << 30;
 constexpr std::uint64_t MB = 1000ull * 1000;
@@ -35,12 +37,6 @@ long PeakMiB() {
   for (std::string line; std::getline(status, line);)
     if (line.rfind("VmHWM:", 0) == 0) return std::atol(line.c_str() + 6) / 1024;
   return -1;
-}
-
-std::string TakeText(ErrorInfo* error) {
-  std::string text = error ? error->Text().ToUtf8() : "";
-  delete error;
-  return text;
 }
 
 int failures = 0;

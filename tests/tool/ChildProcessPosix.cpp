@@ -8,6 +8,9 @@ namespace QOR::test {
 
 namespace {
 
+// A run that takes longer than this is killed.
+constexpr int childTimeoutSeconds = 120;
+
 // One word for the shell, taken as it is.
 std::string Quoted(const std::string& word) {
   std::string quoted = "'";

@@ -9,8 +9,6 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 using testing::HasSubstr;
@@ -75,8 +73,7 @@ TEST(SampleServiceTest, StoresOnlyUploadsToTheTraceScript) {
   ASSERT_NE(at, std::string::npos) << trace.out;
   std::string storedAs = trace.out.substr(at + 10, trace.out.find("</StoredAs>") - at - 10);
   EXPECT_THAT(storedAs, testing::EndsWith("-trace.txt"));
-  std::ifstream stored(ToolServiceUploads() / storedAs, std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stored), {}), folder.Read("trace.txt"));
+  EXPECT_EQ(ReadAndRemove(ToolServiceUploads() / storedAs), folder.Read("trace.txt"));
 }
 
 TEST(SampleServiceTest, EchoesWhatTheDialectCannotCarryOnOneLine) {

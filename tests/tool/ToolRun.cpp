@@ -11,13 +11,11 @@ namespace QOR::test {
 
 namespace {
 
-struct ServiceOfTheRun {
-  std::string address;
-  std::filesystem::path uploads;
-  std::unique_ptr<TempDir> folder;
-  std::unique_ptr<qorxml::SampleService> local;
-
-  ServiceOfTheRun() {
+// The service of the run, stopped when the tests end, before the statics that its threads use
+// are destroyed.
+class ServiceOfTheRun : public testing::Environment {
+public:
+  void SetUp() override {
     if (const char* given = std::getenv("QORXML_TEST_SERVICE")) {
       address = given;
       return;
@@ -31,29 +29,26 @@ struct ServiceOfTheRun {
     local = qorxml::StartSampleService(settings, error);
     if (local) address = "127.0.0.1:" + std::to_string(local->Port());
   }
-  ~ServiceOfTheRun() { Stop(); }
-  void Stop() {
+  void TearDown() override {
     local.reset();
     folder.reset();
   }
+
+  std::string address;
+  std::filesystem::path uploads;
+
+private:
+  std::unique_ptr<TempDir> folder;
+  std::unique_ptr<qorxml::SampleService> local;
 };
 
-ServiceOfTheRun& TheService() {
-  static ServiceOfTheRun service;
-  return service;
-}
-
-// The service stops when the tests end, before the statics that its threads use are destroyed.
-class ServiceStop : public testing::Environment {
-public:
-  void TearDown() override { TheService().Stop(); }
-};
-testing::Environment* const serviceStop = testing::AddGlobalTestEnvironment(new ServiceStop);
+ServiceOfTheRun* const theService =
+    static_cast<ServiceOfTheRun*>(testing::AddGlobalTestEnvironment(new ServiceOfTheRun));
 
 } // namespace
 
-const std::string& ToolService() { return TheService().address; }
+const std::string& ToolService() { return theService->address; }
 
-const std::filesystem::path& ToolServiceUploads() { return TheService().uploads; }
+const std::filesystem::path& ToolServiceUploads() { return theService->uploads; }
 
 } // namespace QOR::test

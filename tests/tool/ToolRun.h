@@ -17,9 +17,6 @@ struct ChildRun {
   std::string err;
 };
 
-// A run that takes longer than this is killed.
-constexpr int childTimeoutSeconds = 120;
-
 // Runs qorxml with arguments, stdin empty and the environment plus extraEnvironment
 // (ChildProcessPosix.cpp, ChildProcessWin32.cpp).
 ChildRun Qorxml(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& extraEnvironment = {});
