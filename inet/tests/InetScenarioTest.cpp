@@ -16,8 +16,6 @@
 namespace QOR::inettest {
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class InetScenarioTest : public testing::Test {
 protected:
   static void SetUpTestSuite() {
@@ -28,19 +26,13 @@ protected:
     servers.reset();
     test::ForgetTestCa();
   }
-  static Lines Run(const std::string& name) { return CanonicalLines(RunScenario(name, servers->Addresses())); }
+  static Lines Run(const std::string& name) { return CanonicalTrace(RunScenario(name, servers->Addresses())); }
   static inline std::unique_ptr<test::ServerSet> servers;
 };
 
 // True when `part` occurs in `lines` as consecutive lines.
 bool HasRun(const Lines& lines, const Lines& part) {
   return std::search(lines.begin(), lines.end(), part.begin(), part.end()) != lines.end();
-}
-
-std::string Show(const Lines& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
 }
 
 TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
@@ -62,7 +54,7 @@ TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
                                 "InternetReadFileExA(102400) -> 120",
                                 "InternetReadFileExA(102280) -> 0",
                             }))
-      << Show(trace);
+      << ShowLines(trace);
 
   const test::RawServer& server = servers->Raw("answer");
   EXPECT_EQ(server.Connections(), 1);
@@ -123,7 +115,7 @@ TEST_F(InetScenarioTest, TracesHoldWinInetsSteps) {
   for (const Passage& passage : passages) {
     if (!traces.count(passage.scenario)) traces[passage.scenario] = Run(passage.scenario);
     const Lines& trace = traces[passage.scenario];
-    EXPECT_TRUE(HasRun(trace, passage.steps)) << passage.behaviour << "\n" << Show(trace);
+    EXPECT_TRUE(HasRun(trace, passage.steps)) << passage.behaviour << "\n" << ShowLines(trace);
   }
   // Whole blocks both ways, however the reply trickles in.
   traces["trickle"] = Run("trickle");

@@ -26,7 +26,7 @@ TEST_F(InetStressTest, EightRootsOnTheirOwnThreadsEachKeepOneConnection) {
   std::atomic<int> succeeded{0}, receiving{0};
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&, t] {
-      InetDriver driver("thread " + std::to_string(t));
+      InetDriver driver;
       if (!driver.Open() || !driver.Connect(server.HostPort())) return;
       for (int i = 0; i < 125; ++i) {
         std::string body = "thread " + std::to_string(t) + " request " + std::to_string(i) + std::string(300, 'a');

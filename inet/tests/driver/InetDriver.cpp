@@ -52,8 +52,6 @@ const char contentType[] = "Content-Type: multipart/form-data; boundary=gc0p4Jq0
 
 } // namespace
 
-InetDriver::InetDriver(std::string agent) : agent(std::move(agent)) {}
-
 InetDriver::~InetDriver() {
   closingWait = std::min(closingWait, std::chrono::milliseconds(2000));
   CloseAll();
@@ -108,13 +106,11 @@ void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD len
     auto created = reinterpret_cast<HINTERNET>(note.result);
     names[created] = creating;
     dead[created] = false;
-    if (dead[handle]) lateCallback = true;
-  } else {
-    if (dead[handle]) lateCallback = true;
-    if (status == INTERNET_STATUS_HANDLE_CLOSING) {
-      dead[handle] = true;
-      ++closings[handle];
-    }
+  }
+  if (dead[handle]) lateCallback = true;
+  if (status == INTERNET_STATUS_HANDLE_CLOSING) {
+    dead[handle] = true;
+    ++closings[handle];
   }
   notes.push_back(note);
   lines.push_back(Describe(note, text));
@@ -241,7 +237,7 @@ template <class Entry> HINTERNET InetDriver::Create(const std::string& text, con
 
 bool InetDriver::Open(DWORD access, const std::string& proxy) {
   root = Create("InternetOpenW", "root", [&] {
-    return InternetOpenW(Widen(agent).c_str(), access, proxy.empty() ? nullptr : Widen(proxy).c_str(), nullptr,
+    return InternetOpenW(Widen("qorinet-test").c_str(), access, proxy.empty() ? nullptr : Widen(proxy).c_str(), nullptr,
                          INTERNET_FLAG_ASYNC);
   });
   if (!root) return false;
@@ -264,9 +260,9 @@ bool InetDriver::Connect(const std::string& server, INTERNET_PORT port) {
   return connection != nullptr;
 }
 
-bool InetDriver::OpenRequest(const std::string& object, DWORD flags, const char* verb) {
-  request = Create("HttpOpenRequestA(" + std::string(verb) + " " + object + ")", "req", [&] {
-    return HttpOpenRequestA(connection, verb, object.c_str(), nullptr, referrer, acceptTypes, flags,
+bool InetDriver::OpenRequest(const std::string& object, DWORD flags) {
+  request = Create("HttpOpenRequestA(POST " + object + ")", "req", [&] {
+    return HttpOpenRequestA(connection, "POST", object.c_str(), nullptr, referrer, acceptTypes, flags,
                             reinterpret_cast<DWORD_PTR>(this));
   });
   return request != nullptr;
@@ -303,12 +299,12 @@ InetDriver::Result InetDriver::Write(const char* data, DWORD size, bool wait) {
               [&] { return InternetWriteFile(request, data, size, &written); });
 }
 
-InetDriver::Result InetDriver::WriteAll(const std::string& body, DWORD chunk) {
+InetDriver::Result InetDriver::WriteAll(const std::string& body) {
   Result result;
   result.ok = true;
   std::size_t done = 0;
   do {
-    DWORD size = static_cast<DWORD>(std::min<std::size_t>(chunk, body.size() - done));
+    DWORD size = static_cast<DWORD>(std::min<std::size_t>(blockSize, body.size() - done));
     Result step = Write(body.data() + done, size);
     if (!step.ok) return step;
     done += step.bytes;
@@ -332,15 +328,15 @@ InetDriver::Result InetDriver::Read(char* buffer, DWORD capacity, bool wait) {
   });
 }
 
-InetDriver::Result InetDriver::ReadAll(std::string& body, DWORD step) {
-  std::vector<char> buffer(step);
+InetDriver::Result InetDriver::ReadAll(std::string& body) {
+  std::vector<char> buffer(blockSize);
   std::size_t total = 0;
   for (;;) {
     Result result = Read(buffer.data() + total, static_cast<DWORD>(buffer.size() - total));
     if (!result.ok) return result;
     if (result.bytes == 0) break;
     total += result.bytes;
-    if (total == buffer.size()) buffer.resize(buffer.size() + step);
+    if (total == buffer.size()) buffer.resize(buffer.size() + blockSize);
   }
   body.assign(buffer.data(), total);
   Result result;

@@ -50,7 +50,7 @@ public:
     std::chrono::steady_clock::time_point when;
   };
 
-  explicit InetDriver(std::string agent = "qorinet-test");
+  InetDriver() = default;
   // Closes whatever is still open.
   ~InetDriver();
   InetDriver(const InetDriver&) = delete;
@@ -62,7 +62,7 @@ public:
   // The root, by default with the system's proxy settings.
   bool Open(DWORD access = INTERNET_OPEN_TYPE_PRECONFIG, const std::string& proxy = "");
   bool Connect(const std::string& server, INTERNET_PORT port = 80);
-  bool OpenRequest(const std::string& object, DWORD flags = engineFlags, const char* verb = "POST");
+  bool OpenRequest(const std::string& object, DWORD flags = engineFlags);
   // The engine's Content-Type line: REPLACE, then ADD if the header was not found.
   Result AddContentType();
   Result AddHeader(const std::string& line, DWORD modifiers);
@@ -73,11 +73,11 @@ public:
   Result SendEx(DWORD total, bool wait = true, Block form = Block::Total);
   Result Write(const char* data, DWORD size, bool wait = true);
   // The body in engine-sized chunks; stops at the first failure.
-  Result WriteAll(const std::string& body, DWORD chunk = blockSize);
+  Result WriteAll(const std::string& body);
   Result End(bool wait = true);
   Result Read(char* buffer, DWORD capacity, bool wait = true);
-  // Reads to the end the way the engine does: a buffer growing by `step`. Stops at a failure.
-  Result ReadAll(std::string& body, DWORD step = blockSize);
+  // Reads to the end the way the engine does: a buffer growing by a block. Stops at a failure.
+  Result ReadAll(std::string& body);
   // Waits for the completion of the call left pending last.
   Result Wait();
 
@@ -118,7 +118,6 @@ private:
   std::string NameOf(HINTERNET handle) const;
   std::string Describe(const Note& note, const std::string& text) const;
 
-  const std::string agent;
   std::chrono::milliseconds completionWait{20000};
   std::chrono::milliseconds closingWait{5000};
   HINTERNET root = nullptr;
