@@ -1,8 +1,8 @@
 // The recorded call sequences, run natively. Step for step they are compared with Wine's
-// wininet.dll by WineTraceTest; here go what that comparison cannot see (what the server got),
-// the steps of one whole request, and the WinInet codes that only these sequences reach natively
-// (HttpClientNetTest's fault matrix gives the codes of refused, unresolved, reset, cut-short and
-// certificate failures through the engine).
+// wininet.dll by WineTraceTest; here go what that comparison cannot see (what the server got)
+// and the WinInet codes that only these sequences reach natively (HttpClientNetTest's fault
+// matrix gives the codes of refused, unresolved, reset, cut-short and certificate failures
+// through the engine).
 #include "Scenarios.h"
 #include "TraceSteps.h"
 #include "support/RawServer.h"
@@ -37,23 +37,9 @@ bool HasRun(const Lines& lines, const Lines& part) {
 
 TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
   Lines trace = Run("normal");
-  EXPECT_TRUE(HasRun(trace, {
-                                "HttpSendRequestExW(300) -> pending",
-                                "  W 10 \"127.0.0.1\"",
-                                "  W 11 \"127.0.0.1\"",
-                                "  W 20",
-                                "  W 21 \"127.0.0.1\"",
-                                "  W 30",
-                                "  W 31 651",
-                                "  W 100 (1,0)",
-                                "InternetWriteFile(300) -> 300",
-                                "HttpEndRequestW -> pending",
-                                "  W 40",
-                                "  W 41 16",
-                                "  W 100 (1,0)",
-                                "InternetReadFileExA(102400) -> 120",
-                                "InternetReadFileExA(102280) -> 0",
-                            }))
+  // Step for step the trace is WineTraceTest's; natively, the send pends and the loop thread
+  // reports the head sent, as many bytes as the server got.
+  EXPECT_TRUE(HasRun(trace, {"  W 30", "  W 31 651", "  W 100 (1,0)", "InternetWriteFile(300) -> 300"}))
       << ShowLines(trace);
 
   const test::RawServer& server = servers->Raw("answer");

@@ -19,15 +19,11 @@ using WideText = std::basic_string<WCHAR>;
 
 WideText Widen(const std::string& text) { return WideText(text.begin(), text.end()); }
 
-std::string Narrow(const WCHAR* text, std::size_t units) {
+// A text of a callback, narrow or wide, up to `length` units or its end.
+template <class Char> std::string Printable(const Char* text, std::size_t length) {
   std::string out;
-  for (std::size_t i = 0; i < units && text[i]; ++i) out += static_cast<char>(text[i] < 0x80 ? text[i] : '?');
-  return out;
-}
-
-std::string Printable(const char* text, std::size_t length) {
-  std::string out;
-  for (std::size_t i = 0; i < length && text[i]; ++i) out += text[i] >= 0x20 && text[i] < 0x7F ? text[i] : '?';
+  for (std::size_t i = 0; i < length && text[i]; ++i)
+    out += text[i] >= 0x20 && text[i] < 0x7F ? static_cast<char>(text[i]) : '?';
   return out;
 }
 
@@ -60,7 +56,14 @@ InetDriver::~InetDriver() {
 void InetDriver::CloseAll() {
   if (request) CloseRequest();
   if (connection) CloseConnection();
-  if (root) CloseRoot();
+  if (!root) return;
+  std::size_t index = BeginCall("InternetSetStatusCallbackW(NULL)");
+  {
+    CallScope scope(this);
+    InternetSetStatusCallbackW(root, nullptr);
+  }
+  EndCall(index, "done");
+  CloseAndForget(root);
 }
 
 void InetDriver::SetWaits(std::chrono::milliseconds completion, std::chrono::milliseconds closing) {
@@ -91,7 +94,7 @@ void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD len
     if (info && length >= sizeof(DWORD)) note.value = *static_cast<DWORD*>(info);
     break;
   case INTERNET_STATUS_RESOLVING_NAME:
-    if (info) text = Narrow(static_cast<const WCHAR*>(info), length / sizeof(WCHAR));
+    if (info) text = Printable(static_cast<const WCHAR*>(info), length / sizeof(WCHAR));
     break;
   case INTERNET_STATUS_NAME_RESOLVED:
   case INTERNET_STATUS_CONNECTED_TO_SERVER:
@@ -383,18 +386,6 @@ InetDriver::Result InetDriver::CloseAndForget(HINTERNET& handle) {
 InetDriver::Result InetDriver::CloseRequest() { return CloseAndForget(request); }
 
 InetDriver::Result InetDriver::CloseConnection() { return CloseAndForget(connection); }
-
-InetDriver::Result InetDriver::CloseRoot() {
-  if (root) {
-    std::size_t index = BeginCall("InternetSetStatusCallbackW(NULL)");
-    {
-      CallScope scope(this);
-      InternetSetStatusCallbackW(root, nullptr);
-    }
-    EndCall(index, "done");
-  }
-  return CloseAndForget(root);
-}
 
 // ---- composites ----
 

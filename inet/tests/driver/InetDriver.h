@@ -84,8 +84,8 @@ public:
   // InternetCloseHandle, then a wait for that handle's HANDLE_CLOSING. The handle is forgotten.
   Result CloseRequest();
   Result CloseConnection();
-  Result CloseRoot();
-  // Closes whatever is still open, request first, as the engine's Disconnect does.
+  // Closes whatever is still open as the engine's Disconnect does: request first, the root last
+  // with its callback unset.
   void CloseAll();
   // Only the call, for closing from another thread: no wait, the handle stays known.
   Result CloseHandleOnly(HINTERNET handle);
