@@ -79,36 +79,43 @@ void CALLBACK InetDriver::StatusCallback(HINTERNET handle, DWORD_PTR context, DW
 }
 
 void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD length) {
-  Note note{handle, status, 0, 0, 0, insideCall == this, std::chrono::steady_clock::now()};
-  std::string text;
+  Note note{handle, status, 0, insideCall == this, std::chrono::steady_clock::now()};
+  if (!info) length = 0;
+  const auto* async = static_cast<const INTERNET_ASYNC_RESULT*>(info);
+  std::lock_guard<std::mutex> guard(lock);
+  std::string line = std::string(note.onCallingThread ? "  C " : "  W ") + std::to_string(status);
   switch (status) {
-  case INTERNET_STATUS_HANDLE_CREATED:
-  case INTERNET_STATUS_HANDLE_CLOSING:
-  case INTERNET_STATUS_REQUEST_COMPLETE:
-    if (info && length >= sizeof(DWORD_PTR)) note.result = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwResult;
-    if (info && length >= sizeof(INTERNET_ASYNC_RESULT) && status == INTERNET_STATUS_REQUEST_COMPLETE)
-      note.error = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwError;
+  case INTERNET_STATUS_HANDLE_CREATED: {
+    auto created = length >= sizeof(DWORD_PTR) ? reinterpret_cast<HINTERNET>(async->dwResult) : nullptr;
+    names[created] = creating;
+    dead[created] = false;
+    line += " " + NameOf(created);
     break;
+  }
+  case INTERNET_STATUS_HANDLE_CLOSING:
+    line += " " + NameOf(handle);
+    break;
+  case INTERNET_STATUS_REQUEST_COMPLETE: {
+    INTERNET_ASYNC_RESULT outcome{};
+    if (length >= sizeof outcome) outcome = *async;
+    completions.push_back(outcome);
+    line += std::string(" (") + (outcome.dwResult ? "1" : "0") + "," + std::to_string(outcome.dwError) + ")";
+    break;
+  }
   case INTERNET_STATUS_REQUEST_SENT:
   case INTERNET_STATUS_RESPONSE_RECEIVED:
-    if (info && length >= sizeof(DWORD)) note.value = *static_cast<DWORD*>(info);
+    if (length >= sizeof(DWORD)) note.value = *static_cast<const DWORD*>(info);
+    line += " " + std::to_string(note.value);
     break;
   case INTERNET_STATUS_RESOLVING_NAME:
-    if (info) text = Printable(static_cast<const WCHAR*>(info), length / sizeof(WCHAR));
+    line += " \"" + Printable(static_cast<const WCHAR*>(info), length / sizeof(WCHAR)) + "\"";
     break;
   case INTERNET_STATUS_NAME_RESOLVED:
   case INTERNET_STATUS_CONNECTED_TO_SERVER:
-    if (info) text = Printable(static_cast<const char*>(info), length);
+    line += " \"" + Printable(static_cast<const char*>(info), length) + "\"";
     break;
   default:
     break;
-  }
-
-  std::lock_guard<std::mutex> guard(lock);
-  if (status == INTERNET_STATUS_HANDLE_CREATED) {
-    auto created = reinterpret_cast<HINTERNET>(note.result);
-    names[created] = creating;
-    dead[created] = false;
   }
   if (dead[handle]) lateCallback = true;
   if (status == INTERNET_STATUS_HANDLE_CLOSING) {
@@ -116,31 +123,8 @@ void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD len
     ++closings[handle];
   }
   notes.push_back(note);
-  lines.push_back(Describe(note, text));
-  if (status == INTERNET_STATUS_REQUEST_COMPLETE) completions.push_back({note.result, note.error});
+  lines.push_back(line);
   changed.notify_all();
-}
-
-std::string InetDriver::Describe(const Note& note, const std::string& text) const {
-  std::string line = note.onCallingThread ? "  C " : "  W ";
-  line += std::to_string(note.status);
-  switch (note.status) {
-  case INTERNET_STATUS_HANDLE_CREATED:
-    return line + " " + NameOf(reinterpret_cast<HINTERNET>(note.result));
-  case INTERNET_STATUS_HANDLE_CLOSING:
-    return line + " " + NameOf(note.handle);
-  case INTERNET_STATUS_REQUEST_COMPLETE:
-    return line + " (" + (note.result ? "1" : "0") + "," + std::to_string(note.error) + ")";
-  case INTERNET_STATUS_REQUEST_SENT:
-  case INTERNET_STATUS_RESPONSE_RECEIVED:
-    return line + " " + std::to_string(note.value);
-  case INTERNET_STATUS_RESOLVING_NAME:
-  case INTERNET_STATUS_NAME_RESOLVED:
-  case INTERNET_STATUS_CONNECTED_TO_SERVER:
-    return line + " \"" + text + "\"";
-  default:
-    return line;
-  }
 }
 
 std::string InetDriver::NameOf(HINTERNET handle) const {

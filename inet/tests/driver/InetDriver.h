@@ -43,9 +43,7 @@ public:
   struct Note {
     HINTERNET handle;
     DWORD status;
-    DWORD_PTR result; // dwResult, or the handle of 60 and 70
-    DWORD error;
-    DWORD value;      // the DWORD of 31 and 41
+    DWORD value; // the DWORD of 31 and 41
     bool onCallingThread;
     std::chrono::steady_clock::time_point when;
   };
@@ -116,7 +114,6 @@ private:
   Result Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait, const DWORD* bytes);
   Result CloseAndForget(HINTERNET& handle);
   std::string NameOf(HINTERNET handle) const;
-  std::string Describe(const Note& note, const std::string& text) const;
 
   std::chrono::milliseconds completionWait{20000};
   std::chrono::milliseconds closingWait{5000};
