@@ -64,14 +64,8 @@ TEST_F(InetStressTest, ClosesAtRandomPointsOfFiveHundredRequests) {
       std::this_thread::sleep_for(wait);
       driver.CloseHandleOnly(request);
     });
-    driver.AddContentType();
-    auto step = driver.SendEx(static_cast<DWORD>(body.size()));
-    if (step.ok) step = driver.WriteAll(body);
-    auto ended = driver.End();
-    EXPECT_FALSE(ended.pending && !ended.completed) << i;
-    if (step.ok) step = ended;
     std::string reply;
-    if (step.ok) step = driver.ReadAll(reply);
+    auto step = driver.Exchange(body, reply);
     // A pending call always came back: by success, by its failure, or by the cancel.
     EXPECT_FALSE(step.pending && !step.completed) << i;
     if (step.ok) EXPECT_TRUE(reply == body) << i << ": " << reply.size() << " bytes";

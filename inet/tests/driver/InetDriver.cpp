@@ -373,6 +373,16 @@ InetDriver::Result InetDriver::CloseConnection() { return CloseAndForget(connect
 
 // ---- composites ----
 
+InetDriver::Result InetDriver::Exchange(const std::string& body, std::string& reply) {
+  AddContentType();
+  Result result = SendEx(static_cast<DWORD>(body.size()));
+  if (result.ok) result = WriteAll(body);
+  Result ended = End();
+  if (result.ok || (ended.pending && !ended.completed)) result = ended;
+  if (result.ok) result = ReadAll(reply);
+  return result;
+}
+
 InetDriver::Result InetDriver::Post(const std::string& object, const std::string& body, std::string& reply,
                                     DWORD flags) {
   Result result;
@@ -380,12 +390,7 @@ InetDriver::Result InetDriver::Post(const std::string& object, const std::string
     result.error = GetLastError();
     return result;
   }
-  AddContentType();
-  result = SendEx(static_cast<DWORD>(body.size()));
-  if (result.ok) result = WriteAll(body);
-  Result ended = End();
-  if (result.ok) result = ended;
-  if (result.ok) result = ReadAll(reply);
+  result = Exchange(body, reply);
   CloseRequest();
   return result;
 }

@@ -91,7 +91,10 @@ public:
   bool WaitClosing(HINTERNET handle, int since, std::chrono::milliseconds time);
   int ClosingsOf(HINTERNET handle) const;
 
-  // One whole engine POST on the open connection: open, header, send, write, end, read, close.
+  // The engine's exchange on the open request: header, send, write, end (even after a failed
+  // send or write), read. The first failure, or an end that never came back.
+  Result Exchange(const std::string& body, std::string& reply);
+  // One whole engine POST on the open connection: open, exchange, close.
   Result Post(const std::string& object, const std::string& body, std::string& reply, DWORD flags = engineFlags);
 
   HINTERNET Root() const { return root; }
