@@ -8,12 +8,16 @@ namespace {
 
 // The driver whose call is running on this thread: its callbacks here are "C".
 thread_local const InetDriver* insideCall = nullptr;
+// How many completions its driver had when the call running on this thread began.
+thread_local std::size_t completionsBeforeCall = 0;
 
-class CallScope {
-public:
-  explicit CallScope(const InetDriver* driver) { insideCall = driver; }
-  ~CallScope() { insideCall = nullptr; }
-};
+// Runs one entry point as a call of `driver`.
+template <class Entry> auto InsideCall(const InetDriver* driver, Entry entry) {
+  insideCall = driver;
+  auto outcome = entry();
+  insideCall = nullptr;
+  return outcome;
+}
 
 using WideText = std::basic_string<WCHAR>;
 
@@ -58,10 +62,7 @@ void InetDriver::CloseAll() {
   if (connection) CloseConnection();
   if (!root) return;
   std::size_t index = BeginCall("InternetSetStatusCallbackW(NULL)");
-  {
-    CallScope scope(this);
-    InternetSetStatusCallbackW(root, nullptr);
-  }
+  InsideCall(this, [&] { return InternetSetStatusCallbackW(root, nullptr); });
   EndCall(index, "done");
   CloseAndForget(root);
 }
@@ -136,8 +137,10 @@ std::string InetDriver::NameOf(HINTERNET handle) const {
 
 // ---- bookkeeping of calls ----
 
-std::size_t InetDriver::BeginCall(const std::string& text) {
+std::size_t InetDriver::BeginCall(const std::string& text, const char* role) {
   std::lock_guard<std::mutex> guard(lock);
+  if (role) creating = role;
+  completionsBeforeCall = completions.size();
   lines.push_back(text);
   return lines.size() - 1;
 }
@@ -147,8 +150,7 @@ void InetDriver::EndCall(std::size_t index, const std::string& outcome) {
   lines[index] += " -> " + outcome;
 }
 
-InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait,
-                                      const DWORD* bytes) {
+InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, bool wait, const DWORD* bytes) {
   Result result;
   if (ok) {
     result.ok = true;
@@ -163,7 +165,7 @@ InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, std::size_t co
     return result;
   }
   EndCall(index, "pending");
-  pendingMark = completionsBefore;
+  pendingMark = completionsBeforeCall;
   if (!wait) {
     result.pending = true;
     return result;
@@ -189,31 +191,13 @@ InetDriver::Result InetDriver::Wait() {
 
 template <class Entry>
 InetDriver::Result InetDriver::Call(const std::string& text, bool wait, const DWORD* bytes, Entry entry) {
-  std::size_t before = 0;
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    before = completions.size();
-  }
   std::size_t index = BeginCall(text);
-  BOOL ok;
-  {
-    CallScope scope(this);
-    ok = entry();
-  }
-  return Finish(index, ok, before, wait, bytes);
+  return Finish(index, InsideCall(this, entry), wait, bytes);
 }
 
 template <class Entry> HINTERNET InetDriver::Create(const std::string& text, const char* role, Entry entry) {
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    creating = role;
-  }
-  std::size_t index = BeginCall(text);
-  HINTERNET made;
-  {
-    CallScope scope(this);
-    made = entry();
-  }
+  std::size_t index = BeginCall(text, role);
+  HINTERNET made = InsideCall(this, entry);
   if (made) {
     std::lock_guard<std::mutex> guard(lock);
     names[made] = role;
@@ -224,16 +208,13 @@ template <class Entry> HINTERNET InetDriver::Create(const std::string& text, con
 
 bool InetDriver::Open(DWORD access, const std::string& proxy) {
   root = Create("InternetOpenW", "root", [&] {
-    return InternetOpenW(Widen("qorinet-test").c_str(), access, proxy.empty() ? nullptr : Widen(proxy).c_str(), nullptr,
-                         INTERNET_FLAG_ASYNC);
+    return InternetOpenW(Widen("qorinet-test").c_str(), access, proxy.empty() ? nullptr : Widen(proxy).c_str(),
+                         nullptr, INTERNET_FLAG_ASYNC);
   });
   if (!root) return false;
   std::size_t index = BeginCall("InternetSetStatusCallbackW");
-  INTERNET_STATUS_CALLBACK old;
-  {
-    CallScope scope(this);
-    old = InternetSetStatusCallbackW(root, &InetDriver::StatusCallback);
-  }
+  INTERNET_STATUS_CALLBACK old =
+      InsideCall(this, [&] { return InternetSetStatusCallbackW(root, &InetDriver::StatusCallback); });
   EndCall(index, old == INTERNET_INVALID_STATUS_CALLBACK ? "INVALID" : old ? "old" : "NULL");
   return old != INTERNET_INVALID_STATUS_CALLBACK;
 }

@@ -112,9 +112,10 @@ private:
   // One call that may pend, and one that makes a handle of `role`, traced as `text`.
   template <class Entry> Result Call(const std::string& text, bool wait, const DWORD* bytes, Entry entry);
   template <class Entry> HINTERNET Create(const std::string& text, const char* role, Entry entry);
-  std::size_t BeginCall(const std::string& text);
+  // The trace line of a call begins; `role` names the handle a create call makes.
+  std::size_t BeginCall(const std::string& text, const char* role = nullptr);
   void EndCall(std::size_t index, const std::string& outcome);
-  Result Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait, const DWORD* bytes);
+  Result Finish(std::size_t index, BOOL ok, bool wait, const DWORD* bytes);
   Result CloseAndForget(HINTERNET& handle);
   std::string NameOf(HINTERNET handle) const;
 
@@ -125,8 +126,8 @@ private:
   HINTERNET request = nullptr;
   DWORD written = 0;
   INTERNET_BUFFERSA readBlock{};
-  std::size_t pendingMark = 0;
-  std::string creating; // role of the handle a running create call makes
+  std::size_t pendingMark = 0; // completions before the call left pending last
+  std::string creating;        // role of the handle a running create call makes
 
   mutable std::mutex lock;
   std::condition_variable changed;
