@@ -80,11 +80,11 @@ void CALLBACK InetDriver::StatusCallback(HINTERNET handle, DWORD_PTR context, DW
 }
 
 void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD length) {
-  Note note{handle, status, 0, insideCall == this, std::chrono::steady_clock::now()};
+  Note note{handle, status, 0, std::chrono::steady_clock::now()};
   if (!info) length = 0;
   const auto* async = static_cast<const INTERNET_ASYNC_RESULT*>(info);
   std::lock_guard<std::mutex> guard(lock);
-  std::string line = std::string(note.onCallingThread ? "  C " : "  W ") + std::to_string(status);
+  std::string line = std::string(insideCall == this ? "  C " : "  W ") + std::to_string(status);
   switch (status) {
   case INTERNET_STATUS_HANDLE_CREATED: {
     auto created = length >= sizeof(DWORD_PTR) ? reinterpret_cast<HINTERNET>(async->dwResult) : nullptr;

@@ -44,7 +44,6 @@ public:
     HINTERNET handle;
     DWORD status;
     DWORD value; // the DWORD of 31 and 41
-    bool onCallingThread;
     std::chrono::steady_clock::time_point when;
   };
 
