@@ -10,22 +10,19 @@ namespace {
 bool IsCallback(const std::string& line) { return line.rfind("  ", 0) == 0; }
 
 // A write or read with its callbacks, from `first` up to `end`, as one line.
-std::string TransferOutcome(const std::string& call, Lines::const_iterator first,
-                            Lines::const_iterator end) {
-  static const std::regex immediate(" -> TRUE (\\d+)$");
-  static const std::regex failed(" -> FALSE (\\d+)$");
+std::string TransferOutcome(const std::string& call, Lines::const_iterator first, Lines::const_iterator end) {
+  static const std::regex returned(" -> (TRUE|FALSE) (\\d+)$");
   static const std::regex progress(" (31|41) (\\d+)$");
-  static const std::regex success(" 100 \\(1,0\\)$");
-  static const std::regex failure(" 100 \\(0,(\\d+)\\)$");
+  static const std::regex completed(" 100 \\((1|0),(\\d+)\\)$");
   std::smatch match;
   std::string head = call.substr(0, call.find(" -> "));
-  if (std::regex_search(call, match, immediate)) return head + " -> " + match[1].str();
-  if (std::regex_search(call, match, failed)) return head + " -> error " + match[1].str();
+  if (std::regex_search(call, match, returned))
+    return head + (match[1] == "TRUE" ? " -> " : " -> error ") + match[2].str();
   std::string bytes = "?";
   for (; first != end; ++first) {
     if (std::regex_search(*first, match, progress)) bytes = match[2].str();
-    if (std::regex_search(*first, match, success)) return head + " -> " + bytes;
-    if (std::regex_search(*first, match, failure)) return head + " -> error " + match[1].str();
+    if (std::regex_search(*first, match, completed))
+      return head + (match[1] == "1" ? " -> " + bytes : " -> error " + match[2].str());
   }
   return head + " -> no completion";
 }
