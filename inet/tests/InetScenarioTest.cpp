@@ -1,8 +1,8 @@
 // The recorded call sequences, run natively. Step for step they are compared with Wine's
-// wininet.dll by WineTraceTest; here go what that comparison cannot see (what the server got),
-// the steps of one whole request, and the WinInet codes that only these sequences reach natively
-// (HttpClientNetTest's fault matrix gives the codes of refused, unresolved, reset, cut-short and
-// certificate failures through the engine).
+// wininet.dll by WineTraceTest; here go what that comparison cannot see (what the server got)
+// and the WinInet codes that only these sequences reach natively (HttpClientNetTest's fault
+// matrix gives the codes of refused, unresolved, reset, cut-short and certificate failures
+// through the engine).
 #include "Scenarios.h"
 #include "TraceSteps.h"
 #include "support/RawServer.h"
@@ -16,8 +16,6 @@
 namespace QOR::inettest {
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class InetScenarioTest : public testing::Test {
 protected:
   static void SetUpTestSuite() {
@@ -28,7 +26,7 @@ protected:
     servers.reset();
     test::ForgetTestCa();
   }
-  static Lines Run(const std::string& name) { return CanonicalLines(RunScenario(name, servers->Addresses())); }
+  static Lines Run(const std::string& name) { return CanonicalTrace(RunScenario(name, servers->Addresses())); }
   static inline std::unique_ptr<test::ServerSet> servers;
 };
 
@@ -37,32 +35,12 @@ bool HasRun(const Lines& lines, const Lines& part) {
   return std::search(lines.begin(), lines.end(), part.begin(), part.end()) != lines.end();
 }
 
-std::string Show(const Lines& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
-
 TEST_F(InetScenarioTest, NormalRequestsFollowWinInetAndShareOneConnection) {
   Lines trace = Run("normal");
-  EXPECT_TRUE(HasRun(trace, {
-                                "HttpSendRequestExW(300) -> pending",
-                                "  W 10 \"127.0.0.1\"",
-                                "  W 11 \"127.0.0.1\"",
-                                "  W 20",
-                                "  W 21 \"127.0.0.1\"",
-                                "  W 30",
-                                "  W 31 651",
-                                "  W 100 (1,0)",
-                                "InternetWriteFile(300) -> 300",
-                                "HttpEndRequestW -> pending",
-                                "  W 40",
-                                "  W 41 16",
-                                "  W 100 (1,0)",
-                                "InternetReadFileExA(102400) -> 120",
-                                "InternetReadFileExA(102280) -> 0",
-                            }))
-      << Show(trace);
+  // Step for step the trace is WineTraceTest's; natively, the send pends and the loop thread
+  // reports the head sent, as many bytes as the server got.
+  EXPECT_TRUE(HasRun(trace, {"  W 30", "  W 31 651", "  W 100 (1,0)", "InternetWriteFile(300) -> 300"}))
+      << ShowLines(trace);
 
   const test::RawServer& server = servers->Raw("answer");
   EXPECT_EQ(server.Connections(), 1);
@@ -123,7 +101,7 @@ TEST_F(InetScenarioTest, TracesHoldWinInetsSteps) {
   for (const Passage& passage : passages) {
     if (!traces.count(passage.scenario)) traces[passage.scenario] = Run(passage.scenario);
     const Lines& trace = traces[passage.scenario];
-    EXPECT_TRUE(HasRun(trace, passage.steps)) << passage.behaviour << "\n" << Show(trace);
+    EXPECT_TRUE(HasRun(trace, passage.steps)) << passage.behaviour << "\n" << ShowLines(trace);
   }
   // Whole blocks both ways, however the reply trickles in.
   traces["trickle"] = Run("trickle");

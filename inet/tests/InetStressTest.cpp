@@ -26,7 +26,7 @@ TEST_F(InetStressTest, EightRootsOnTheirOwnThreadsEachKeepOneConnection) {
   std::atomic<int> succeeded{0}, receiving{0};
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&, t] {
-      InetDriver driver("thread " + std::to_string(t));
+      InetDriver driver;
       if (!driver.Open() || !driver.Connect(server.HostPort())) return;
       for (int i = 0; i < 125; ++i) {
         std::string body = "thread " + std::to_string(t) + " request " + std::to_string(i) + std::string(300, 'a');
@@ -64,14 +64,8 @@ TEST_F(InetStressTest, ClosesAtRandomPointsOfFiveHundredRequests) {
       std::this_thread::sleep_for(wait);
       driver.CloseHandleOnly(request);
     });
-    driver.AddContentType();
-    auto step = driver.SendEx(static_cast<DWORD>(body.size()));
-    if (step.ok) step = driver.WriteAll(body);
-    auto ended = driver.End();
-    EXPECT_FALSE(ended.pending && !ended.completed) << i;
-    if (step.ok) step = ended;
     std::string reply;
-    if (step.ok) step = driver.ReadAll(reply);
+    auto step = driver.Exchange(body, reply);
     // A pending call always came back: by success, by its failure, or by the cancel.
     EXPECT_FALSE(step.pending && !step.completed) << i;
     if (step.ok) EXPECT_TRUE(reply == body) << i << ": " << reply.size() << " bytes";

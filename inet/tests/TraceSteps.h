@@ -1,8 +1,8 @@
-// A driver trace cut into steps (a call and the callbacks that came with it) and brought to a
-// form where libqorinet and WinInet can differ by timing alone: a write or read shows only its
-// outcome ("-> <bytes>" or "-> error <code>"), whether it returned at once or pended, without
-// its progress statuses; HANDLE_CLOSING loses its thread mark (it comes inside the close or just
-// after, by a race); CLOSING_CONNECTION and CONNECTION_CLOSED are dropped.
+// A driver trace brought to a form where libqorinet and WinInet can differ by timing alone: a
+// write or read shows only its outcome ("-> <bytes>" or "-> error <code>"), whether it returned
+// at once or pended, without its progress statuses; HANDLE_CLOSING loses its thread mark (it
+// comes inside the close or just after, by a race); CLOSING_CONNECTION and CONNECTION_CLOSED are
+// dropped.
 #pragma once
 
 #include <cstdint>
@@ -11,16 +11,10 @@
 
 namespace QOR::inettest {
 
-struct Step {
-  std::string call;
-  std::vector<std::string> callbacks;
-  bool operator==(const Step&) const = default;
-};
+using Lines = std::vector<std::string>;
 
-std::vector<Step> CanonicalSteps(const std::vector<std::string>& trace);
-// The same, one line per call and callback.
-std::vector<std::string> CanonicalLines(const std::vector<std::string>& trace);
-// The steps from `from` up to `to`, indented, for failure messages.
-std::string ShowSteps(const std::vector<Step>& steps, std::size_t from = 0, std::size_t to = SIZE_MAX);
+Lines CanonicalTrace(const Lines& trace);
+// The lines from `from` up to `to`, indented, for failure messages.
+std::string ShowLines(const Lines& lines, std::size_t from = 0, std::size_t to = SIZE_MAX);
 
 } // namespace QOR::inettest

@@ -38,14 +38,7 @@ const KnownDifference knownDifferences[] = {
      "status line; libqorinet reports 12152 (ERROR_HTTP_INVALID_SERVER_RESPONSE)"},
 };
 
-using Traces = std::map<std::string, std::vector<std::string>>;
-
-// The first step at which the two traces differ (the shorter one's length if it is the other's start).
-std::size_t PartingStep(const std::vector<Step>& ours, const std::vector<Step>& wine) {
-  return std::mismatch(ours.begin(), ours.end(), wine.begin(), wine.end()).first - ours.begin();
-}
-
-std::string Quote(const std::string& text) { return "'" + text + "'"; }
+using Traces = std::map<std::string, Lines>;
 
 Traces RunProgram(const std::string& command) {
   Traces traces;
@@ -67,15 +60,15 @@ Traces RunProgram(const std::string& command) {
   return traces;
 }
 
-class WineTraceTest : public testing::TestWithParam<std::string> {
+class WineTraceTest : public testing::TestWithParam<ScenarioInfo> {
 public:
   static void SetUpTestSuite() {
-    linuxTraces = RunWithServers(Quote(QORINET_SCENARIO));
+    linuxTraces = RunWithServers("'" QORINET_SCENARIO "'");
     wineTraces = RunWine("");
   }
   // The scenario program under Wine; `only` names one scenario.
   static Traces RunWine(const std::string& only) {
-    return RunWithServers(wineCommand + " " + Quote(windowsScenario) + " " + only);
+    return RunWithServers(wineCommand + " '" + windowsScenario + "' " + only);
   }
   // Runs a scenario program against servers of its own (the servers hold a stalled request 3 s).
   static Traces RunWithServers(const std::string& command) {
@@ -83,62 +76,56 @@ public:
     setenv("QORXMLU_TEST_SERVERS", servers->Addresses().Encode().c_str(), 1);
     return RunProgram(command);
   }
-  static Traces linuxTraces;
-  static Traces wineTraces;
+  static inline Traces linuxTraces;
+  static inline Traces wineTraces;
 };
 
-Traces WineTraceTest::linuxTraces;
-Traces WineTraceTest::wineTraces;
-
 TEST_P(WineTraceTest, SameStepsAsWine) {
-  const std::string& name = GetParam();
+  const std::string name = GetParam().name;
   ASSERT_FALSE(windowsScenario.empty()) << "no --windows-scenario given";
   ASSERT_TRUE(linuxTraces.count(name)) << "libqorinet's scenario program did not run " << name;
   ASSERT_TRUE(wineTraces.count(name)) << "the scenario program under Wine did not run " << name;
-  std::vector<Step> ours = CanonicalSteps(linuxTraces[name]);
-  std::vector<Step> wine = CanonicalSteps(wineTraces[name]);
+  Lines ours = CanonicalTrace(linuxTraces[name]);
+  Lines wine = CanonicalTrace(wineTraces[name]);
 
   const KnownDifference* known = nullptr;
   for (const KnownDifference& difference : knownDifferences) {
     if (name == difference.scenario) known = &difference;
   }
-  std::size_t step = PartingStep(ours, wine);
+  // The call at which the traces part: the line where they differ first, or the call of that
+  // callback (the end of the shorter one if it is the other's start).
+  std::size_t at = std::mismatch(ours.begin(), ours.end(), wine.begin(), wine.end()).first - ours.begin();
+  const Lines& longer = ours.size() > wine.size() ? ours : wine;
+  while (at > 0 && at < longer.size() && longer[at].rfind("  ", 0) == 0) --at;
   // Wine's verdict on a certificate now and then changes from one run to the next (INVALID_CA,
   // on a fresh prefix, for a CA it trusted a moment before): a parting counts only if a second
   // run of the scenario under Wine parts too.
   if (!known && ours != wine) {
     Traces again = RunWine(name);
-    if (again.count(name) && CanonicalSteps(again[name]) == ours) {
-      std::printf("%s: Wine's first run parted at step %zu, its second run did not.\n  Wine's first run:\n%s",
-                  name.c_str(), step + 1, ShowSteps(wine, step, step + 3).c_str());
+    if (again.count(name) && CanonicalTrace(again[name]) == ours) {
+      std::printf("%s: Wine's first run parted at line %zu, its second run did not.\n  Wine's first run:\n%s",
+                  name.c_str(), at + 1, ShowLines(wine, at, at + 10).c_str());
       return;
     }
   }
-  std::size_t count = std::min(ours.size(), wine.size());
   if (ours == wine) {
     EXPECT_EQ(known, nullptr) << "the recorded difference is gone: " << known->reason;
     return;
   }
-  if (known && step < count && ours[step].call.rfind(known->fromCall, 0) == 0) {
-    std::printf("%s: Wine differs from step %zu on, as recorded.\n  Why: %s\n  libqorinet:\n%s  Wine:\n%s",
-                name.c_str(), step + 1, known->reason, ShowSteps(ours, step).c_str(), ShowSteps(wine, step).c_str());
+  if (known && at < ours.size() && ours[at].rfind(known->fromCall, 0) == 0) {
+    std::printf("%s: Wine differs from line %zu on, as recorded.\n  Why: %s\n  libqorinet:\n%s  Wine:\n%s",
+                name.c_str(), at + 1, known->reason, ShowLines(ours, at).c_str(), ShowLines(wine, at).c_str());
     return;
   }
-  // The parting steps only, so that the two sides fit on one screen.
-  ADD_FAILURE() << name << ": the traces part at step " << step + 1 << "\n  libqorinet:\n"
-                << ShowSteps(ours, step, step + 3) << "  Wine:\n"
-                << ShowSteps(wine, step, step + 3);
+  // The parting lines only, so that the two sides fit on one screen.
+  ADD_FAILURE() << name << ": the traces part at line " << at + 1 << "\n  libqorinet:\n"
+                << ShowLines(ours, at, at + 10) << "  Wine:\n"
+                << ShowLines(wine, at, at + 10);
 }
 
-std::vector<std::string> ScenarioNames() {
-  std::vector<std::string> names;
-  for (const ScenarioInfo& scenario : AllScenarios()) names.emplace_back(scenario.name);
-  return names;
-}
-
-INSTANTIATE_TEST_SUITE_P(Scenarios, WineTraceTest, testing::ValuesIn(ScenarioNames()),
-                         [](const testing::TestParamInfo<std::string>& info) {
-                           std::string name = info.param;
+INSTANTIATE_TEST_SUITE_P(Scenarios, WineTraceTest, testing::ValuesIn(AllScenarios()),
+                         [](const testing::TestParamInfo<ScenarioInfo>& info) {
+                           std::string name = info.param.name;
                            std::replace(name.begin(), name.end(), '-', '_');
                            return name;
                          });

@@ -8,26 +8,26 @@ namespace {
 
 // The driver whose call is running on this thread: its callbacks here are "C".
 thread_local const InetDriver* insideCall = nullptr;
+// How many completions its driver had when the call running on this thread began.
+thread_local std::size_t completionsBeforeCall = 0;
 
-class CallScope {
-public:
-  explicit CallScope(const InetDriver* driver) { insideCall = driver; }
-  ~CallScope() { insideCall = nullptr; }
-};
+// Runs one entry point as a call of `driver`.
+template <class Entry> auto InsideCall(const InetDriver* driver, Entry entry) {
+  insideCall = driver;
+  auto outcome = entry();
+  insideCall = nullptr;
+  return outcome;
+}
 
 using WideText = std::basic_string<WCHAR>;
 
 WideText Widen(const std::string& text) { return WideText(text.begin(), text.end()); }
 
-std::string Narrow(const WCHAR* text, std::size_t units) {
+// A text of a callback, narrow or wide, up to `length` units or its end.
+template <class Char> std::string Printable(const Char* text, std::size_t length) {
   std::string out;
-  for (std::size_t i = 0; i < units && text[i]; ++i) out += static_cast<char>(text[i] < 0x80 ? text[i] : '?');
-  return out;
-}
-
-std::string Printable(const char* text, std::size_t length) {
-  std::string out;
-  for (std::size_t i = 0; i < length && text[i]; ++i) out += text[i] >= 0x20 && text[i] < 0x7F ? text[i] : '?';
+  for (std::size_t i = 0; i < length && text[i]; ++i)
+    out += text[i] >= 0x20 && text[i] < 0x7F ? static_cast<char>(text[i]) : '?';
   return out;
 }
 
@@ -52,8 +52,6 @@ const char contentType[] = "Content-Type: multipart/form-data; boundary=gc0p4Jq0
 
 } // namespace
 
-InetDriver::InetDriver(std::string agent) : agent(std::move(agent)) {}
-
 InetDriver::~InetDriver() {
   closingWait = std::min(closingWait, std::chrono::milliseconds(2000));
   CloseAll();
@@ -62,7 +60,11 @@ InetDriver::~InetDriver() {
 void InetDriver::CloseAll() {
   if (request) CloseRequest();
   if (connection) CloseConnection();
-  if (root) CloseRoot();
+  if (!root) return;
+  std::size_t index = BeginCall("InternetSetStatusCallbackW(NULL)");
+  InsideCall(this, [&] { return InternetSetStatusCallbackW(root, nullptr); });
+  EndCall(index, "done");
+  CloseAndForget(root);
 }
 
 void InetDriver::SetWaits(std::chrono::milliseconds completion, std::chrono::milliseconds closing) {
@@ -78,70 +80,52 @@ void CALLBACK InetDriver::StatusCallback(HINTERNET handle, DWORD_PTR context, DW
 }
 
 void InetDriver::OnStatus(HINTERNET handle, DWORD status, LPVOID info, DWORD length) {
-  Note note{handle, status, 0, 0, 0, insideCall == this, std::chrono::steady_clock::now()};
-  std::string text;
-  switch (status) {
-  case INTERNET_STATUS_HANDLE_CREATED:
-  case INTERNET_STATUS_HANDLE_CLOSING:
-  case INTERNET_STATUS_REQUEST_COMPLETE:
-    if (info && length >= sizeof(DWORD_PTR)) note.result = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwResult;
-    if (info && length >= sizeof(INTERNET_ASYNC_RESULT) && status == INTERNET_STATUS_REQUEST_COMPLETE)
-      note.error = static_cast<INTERNET_ASYNC_RESULT*>(info)->dwError;
-    break;
-  case INTERNET_STATUS_REQUEST_SENT:
-  case INTERNET_STATUS_RESPONSE_RECEIVED:
-    if (info && length >= sizeof(DWORD)) note.value = *static_cast<DWORD*>(info);
-    break;
-  case INTERNET_STATUS_RESOLVING_NAME:
-    if (info) text = Narrow(static_cast<const WCHAR*>(info), length / sizeof(WCHAR));
-    break;
-  case INTERNET_STATUS_NAME_RESOLVED:
-  case INTERNET_STATUS_CONNECTED_TO_SERVER:
-    if (info) text = Printable(static_cast<const char*>(info), length);
-    break;
-  default:
-    break;
-  }
-
+  Note note{handle, status, 0, std::chrono::steady_clock::now()};
+  if (!info) length = 0;
+  const auto* async = static_cast<const INTERNET_ASYNC_RESULT*>(info);
   std::lock_guard<std::mutex> guard(lock);
-  if (status == INTERNET_STATUS_HANDLE_CREATED) {
-    auto created = reinterpret_cast<HINTERNET>(note.result);
+  std::string line = std::string(insideCall == this ? "  C " : "  W ") + std::to_string(status);
+  switch (status) {
+  case INTERNET_STATUS_HANDLE_CREATED: {
+    auto created = length >= sizeof(DWORD_PTR) ? reinterpret_cast<HINTERNET>(async->dwResult) : nullptr;
     names[created] = creating;
     dead[created] = false;
-    if (dead[handle]) lateCallback = true;
-  } else {
-    if (dead[handle]) lateCallback = true;
-    if (status == INTERNET_STATUS_HANDLE_CLOSING) {
-      dead[handle] = true;
-      ++closings[handle];
-    }
+    line += " " + NameOf(created);
+    break;
   }
-  notes.push_back(note);
-  lines.push_back(Describe(note, text));
-  if (status == INTERNET_STATUS_REQUEST_COMPLETE) completions.push_back({note.result, note.error});
-  changed.notify_all();
-}
-
-std::string InetDriver::Describe(const Note& note, const std::string& text) const {
-  std::string line = note.onCallingThread ? "  C " : "  W ";
-  line += std::to_string(note.status);
-  switch (note.status) {
-  case INTERNET_STATUS_HANDLE_CREATED:
-    return line + " " + NameOf(reinterpret_cast<HINTERNET>(note.result));
   case INTERNET_STATUS_HANDLE_CLOSING:
-    return line + " " + NameOf(note.handle);
-  case INTERNET_STATUS_REQUEST_COMPLETE:
-    return line + " (" + (note.result ? "1" : "0") + "," + std::to_string(note.error) + ")";
+    line += " " + NameOf(handle);
+    break;
+  case INTERNET_STATUS_REQUEST_COMPLETE: {
+    INTERNET_ASYNC_RESULT outcome{};
+    if (length >= sizeof outcome) outcome = *async;
+    completions.push_back(outcome);
+    line += std::string(" (") + (outcome.dwResult ? "1" : "0") + "," + std::to_string(outcome.dwError) + ")";
+    break;
+  }
   case INTERNET_STATUS_REQUEST_SENT:
   case INTERNET_STATUS_RESPONSE_RECEIVED:
-    return line + " " + std::to_string(note.value);
+    if (length >= sizeof(DWORD)) note.value = *static_cast<const DWORD*>(info);
+    line += " " + std::to_string(note.value);
+    break;
   case INTERNET_STATUS_RESOLVING_NAME:
+    line += " \"" + Printable(static_cast<const WCHAR*>(info), length / sizeof(WCHAR)) + "\"";
+    break;
   case INTERNET_STATUS_NAME_RESOLVED:
   case INTERNET_STATUS_CONNECTED_TO_SERVER:
-    return line + " \"" + text + "\"";
+    line += " \"" + Printable(static_cast<const char*>(info), length) + "\"";
+    break;
   default:
-    return line;
+    break;
   }
+  if (dead[handle]) lateCallback = true;
+  if (status == INTERNET_STATUS_HANDLE_CLOSING) {
+    dead[handle] = true;
+    ++closings[handle];
+  }
+  notes.push_back(note);
+  lines.push_back(line);
+  changed.notify_all();
 }
 
 std::string InetDriver::NameOf(HINTERNET handle) const {
@@ -153,8 +137,10 @@ std::string InetDriver::NameOf(HINTERNET handle) const {
 
 // ---- bookkeeping of calls ----
 
-std::size_t InetDriver::BeginCall(const std::string& text) {
+std::size_t InetDriver::BeginCall(const std::string& text, const char* role) {
   std::lock_guard<std::mutex> guard(lock);
+  if (role) creating = role;
+  completionsBeforeCall = completions.size();
   lines.push_back(text);
   return lines.size() - 1;
 }
@@ -164,8 +150,7 @@ void InetDriver::EndCall(std::size_t index, const std::string& outcome) {
   lines[index] += " -> " + outcome;
 }
 
-InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait,
-                                      const DWORD* bytes) {
+InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, bool wait, const DWORD* bytes) {
   Result result;
   if (ok) {
     result.ok = true;
@@ -180,7 +165,7 @@ InetDriver::Result InetDriver::Finish(std::size_t index, BOOL ok, std::size_t co
     return result;
   }
   EndCall(index, "pending");
-  pendingMark = completionsBefore;
+  pendingMark = completionsBeforeCall;
   if (!wait) {
     result.pending = true;
     return result;
@@ -206,31 +191,13 @@ InetDriver::Result InetDriver::Wait() {
 
 template <class Entry>
 InetDriver::Result InetDriver::Call(const std::string& text, bool wait, const DWORD* bytes, Entry entry) {
-  std::size_t before = 0;
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    before = completions.size();
-  }
   std::size_t index = BeginCall(text);
-  BOOL ok;
-  {
-    CallScope scope(this);
-    ok = entry();
-  }
-  return Finish(index, ok, before, wait, bytes);
+  return Finish(index, InsideCall(this, entry), wait, bytes);
 }
 
 template <class Entry> HINTERNET InetDriver::Create(const std::string& text, const char* role, Entry entry) {
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    creating = role;
-  }
-  std::size_t index = BeginCall(text);
-  HINTERNET made;
-  {
-    CallScope scope(this);
-    made = entry();
-  }
+  std::size_t index = BeginCall(text, role);
+  HINTERNET made = InsideCall(this, entry);
   if (made) {
     std::lock_guard<std::mutex> guard(lock);
     names[made] = role;
@@ -241,16 +208,13 @@ template <class Entry> HINTERNET InetDriver::Create(const std::string& text, con
 
 bool InetDriver::Open(DWORD access, const std::string& proxy) {
   root = Create("InternetOpenW", "root", [&] {
-    return InternetOpenW(Widen(agent).c_str(), access, proxy.empty() ? nullptr : Widen(proxy).c_str(), nullptr,
-                         INTERNET_FLAG_ASYNC);
+    return InternetOpenW(Widen("qorinet-test").c_str(), access, proxy.empty() ? nullptr : Widen(proxy).c_str(),
+                         nullptr, INTERNET_FLAG_ASYNC);
   });
   if (!root) return false;
   std::size_t index = BeginCall("InternetSetStatusCallbackW");
-  INTERNET_STATUS_CALLBACK old;
-  {
-    CallScope scope(this);
-    old = InternetSetStatusCallbackW(root, &InetDriver::StatusCallback);
-  }
+  INTERNET_STATUS_CALLBACK old =
+      InsideCall(this, [&] { return InternetSetStatusCallbackW(root, &InetDriver::StatusCallback); });
   EndCall(index, old == INTERNET_INVALID_STATUS_CALLBACK ? "INVALID" : old ? "old" : "NULL");
   return old != INTERNET_INVALID_STATUS_CALLBACK;
 }
@@ -264,9 +228,9 @@ bool InetDriver::Connect(const std::string& server, INTERNET_PORT port) {
   return connection != nullptr;
 }
 
-bool InetDriver::OpenRequest(const std::string& object, DWORD flags, const char* verb) {
-  request = Create("HttpOpenRequestA(" + std::string(verb) + " " + object + ")", "req", [&] {
-    return HttpOpenRequestA(connection, verb, object.c_str(), nullptr, referrer, acceptTypes, flags,
+bool InetDriver::OpenRequest(const std::string& object, DWORD flags) {
+  request = Create("HttpOpenRequestA(POST " + object + ")", "req", [&] {
+    return HttpOpenRequestA(connection, "POST", object.c_str(), nullptr, referrer, acceptTypes, flags,
                             reinterpret_cast<DWORD_PTR>(this));
   });
   return request != nullptr;
@@ -303,12 +267,12 @@ InetDriver::Result InetDriver::Write(const char* data, DWORD size, bool wait) {
               [&] { return InternetWriteFile(request, data, size, &written); });
 }
 
-InetDriver::Result InetDriver::WriteAll(const std::string& body, DWORD chunk) {
+InetDriver::Result InetDriver::WriteAll(const std::string& body) {
   Result result;
   result.ok = true;
   std::size_t done = 0;
   do {
-    DWORD size = static_cast<DWORD>(std::min<std::size_t>(chunk, body.size() - done));
+    DWORD size = static_cast<DWORD>(std::min<std::size_t>(blockSize, body.size() - done));
     Result step = Write(body.data() + done, size);
     if (!step.ok) return step;
     done += step.bytes;
@@ -332,15 +296,15 @@ InetDriver::Result InetDriver::Read(char* buffer, DWORD capacity, bool wait) {
   });
 }
 
-InetDriver::Result InetDriver::ReadAll(std::string& body, DWORD step) {
-  std::vector<char> buffer(step);
+InetDriver::Result InetDriver::ReadAll(std::string& body) {
+  std::vector<char> buffer(blockSize);
   std::size_t total = 0;
   for (;;) {
     Result result = Read(buffer.data() + total, static_cast<DWORD>(buffer.size() - total));
     if (!result.ok) return result;
     if (result.bytes == 0) break;
     total += result.bytes;
-    if (total == buffer.size()) buffer.resize(buffer.size() + step);
+    if (total == buffer.size()) buffer.resize(buffer.size() + blockSize);
   }
   body.assign(buffer.data(), total);
   Result result;
@@ -388,19 +352,17 @@ InetDriver::Result InetDriver::CloseRequest() { return CloseAndForget(request); 
 
 InetDriver::Result InetDriver::CloseConnection() { return CloseAndForget(connection); }
 
-InetDriver::Result InetDriver::CloseRoot() {
-  if (root) {
-    std::size_t index = BeginCall("InternetSetStatusCallbackW(NULL)");
-    {
-      CallScope scope(this);
-      InternetSetStatusCallbackW(root, nullptr);
-    }
-    EndCall(index, "done");
-  }
-  return CloseAndForget(root);
-}
-
 // ---- composites ----
+
+InetDriver::Result InetDriver::Exchange(const std::string& body, std::string& reply) {
+  AddContentType();
+  Result result = SendEx(static_cast<DWORD>(body.size()));
+  if (result.ok) result = WriteAll(body);
+  Result ended = End();
+  if (result.ok || (ended.pending && !ended.completed)) result = ended;
+  if (result.ok) result = ReadAll(reply);
+  return result;
+}
 
 InetDriver::Result InetDriver::Post(const std::string& object, const std::string& body, std::string& reply,
                                     DWORD flags) {
@@ -409,12 +371,7 @@ InetDriver::Result InetDriver::Post(const std::string& object, const std::string
     result.error = GetLastError();
     return result;
   }
-  AddContentType();
-  result = SendEx(static_cast<DWORD>(body.size()));
-  if (result.ok) result = WriteAll(body);
-  Result ended = End();
-  if (result.ok) result = ended;
-  if (result.ok) result = ReadAll(reply);
+  result = Exchange(body, reply);
   CloseRequest();
   return result;
 }

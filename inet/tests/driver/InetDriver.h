@@ -43,14 +43,11 @@ public:
   struct Note {
     HINTERNET handle;
     DWORD status;
-    DWORD_PTR result; // dwResult, or the handle of 60 and 70
-    DWORD error;
-    DWORD value;      // the DWORD of 31 and 41
-    bool onCallingThread;
+    DWORD value; // the DWORD of 31 and 41
     std::chrono::steady_clock::time_point when;
   };
 
-  explicit InetDriver(std::string agent = "qorinet-test");
+  InetDriver() = default;
   // Closes whatever is still open.
   ~InetDriver();
   InetDriver(const InetDriver&) = delete;
@@ -62,7 +59,7 @@ public:
   // The root, by default with the system's proxy settings.
   bool Open(DWORD access = INTERNET_OPEN_TYPE_PRECONFIG, const std::string& proxy = "");
   bool Connect(const std::string& server, INTERNET_PORT port = 80);
-  bool OpenRequest(const std::string& object, DWORD flags = engineFlags, const char* verb = "POST");
+  bool OpenRequest(const std::string& object, DWORD flags = engineFlags);
   // The engine's Content-Type line: REPLACE, then ADD if the header was not found.
   Result AddContentType();
   Result AddHeader(const std::string& line, DWORD modifiers);
@@ -73,19 +70,19 @@ public:
   Result SendEx(DWORD total, bool wait = true, Block form = Block::Total);
   Result Write(const char* data, DWORD size, bool wait = true);
   // The body in engine-sized chunks; stops at the first failure.
-  Result WriteAll(const std::string& body, DWORD chunk = blockSize);
+  Result WriteAll(const std::string& body);
   Result End(bool wait = true);
   Result Read(char* buffer, DWORD capacity, bool wait = true);
-  // Reads to the end the way the engine does: a buffer growing by `step`. Stops at a failure.
-  Result ReadAll(std::string& body, DWORD step = blockSize);
+  // Reads to the end the way the engine does: a buffer growing by a block. Stops at a failure.
+  Result ReadAll(std::string& body);
   // Waits for the completion of the call left pending last.
   Result Wait();
 
   // InternetCloseHandle, then a wait for that handle's HANDLE_CLOSING. The handle is forgotten.
   Result CloseRequest();
   Result CloseConnection();
-  Result CloseRoot();
-  // Closes whatever is still open, request first, as the engine's Disconnect does.
+  // Closes whatever is still open as the engine's Disconnect does: request first, the root last
+  // with its callback unset.
   void CloseAll();
   // Only the call, for closing from another thread: no wait, the handle stays known.
   Result CloseHandleOnly(HINTERNET handle);
@@ -93,7 +90,10 @@ public:
   bool WaitClosing(HINTERNET handle, int since, std::chrono::milliseconds time);
   int ClosingsOf(HINTERNET handle) const;
 
-  // One whole engine POST on the open connection: open, header, send, write, end, read, close.
+  // The engine's exchange on the open request: header, send, write, end (even after a failed
+  // send or write), read. The first failure, or an end that never came back.
+  Result Exchange(const std::string& body, std::string& reply);
+  // One whole engine POST on the open connection: open, exchange, close.
   Result Post(const std::string& object, const std::string& body, std::string& reply, DWORD flags = engineFlags);
 
   HINTERNET Root() const { return root; }
@@ -111,14 +111,13 @@ private:
   // One call that may pend, and one that makes a handle of `role`, traced as `text`.
   template <class Entry> Result Call(const std::string& text, bool wait, const DWORD* bytes, Entry entry);
   template <class Entry> HINTERNET Create(const std::string& text, const char* role, Entry entry);
-  std::size_t BeginCall(const std::string& text);
+  // The trace line of a call begins; `role` names the handle a create call makes.
+  std::size_t BeginCall(const std::string& text, const char* role = nullptr);
   void EndCall(std::size_t index, const std::string& outcome);
-  Result Finish(std::size_t index, BOOL ok, std::size_t completionsBefore, bool wait, const DWORD* bytes);
+  Result Finish(std::size_t index, BOOL ok, bool wait, const DWORD* bytes);
   Result CloseAndForget(HINTERNET& handle);
   std::string NameOf(HINTERNET handle) const;
-  std::string Describe(const Note& note, const std::string& text) const;
 
-  const std::string agent;
   std::chrono::milliseconds completionWait{20000};
   std::chrono::milliseconds closingWait{5000};
   HINTERNET root = nullptr;
@@ -126,8 +125,8 @@ private:
   HINTERNET request = nullptr;
   DWORD written = 0;
   INTERNET_BUFFERSA readBlock{};
-  std::size_t pendingMark = 0;
-  std::string creating; // role of the handle a running create call makes
+  std::size_t pendingMark = 0; // completions before the call left pending last
+  std::string creating;        // role of the handle a running create call makes
 
   mutable std::mutex lock;
   std::condition_variable changed;

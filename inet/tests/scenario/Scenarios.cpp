@@ -88,7 +88,6 @@ std::vector<std::string> RunScenario(const std::string& name, const ScenarioConf
   for (const ScenarioInfo& scenario : AllScenarios()) {
     if (name != scenario.name) continue;
     InetDriver driver;
-    driver.SetWaits(std::chrono::milliseconds(20000), std::chrono::milliseconds(5000));
     if (scenario.run)
       scenario.run(driver, config);
     else if (Start(driver, config, scenario.role))
