@@ -23,12 +23,6 @@ constexpr ::DWORD statusRequestComplete = 100;
 
 enum HandleKind { rootKind, connectionKind, requestKind };
 
-std::string Ascii(LPCWSTR text) {
-  std::string ascii;
-  for (; text && *text; ++text) ascii += *text < 0x80 ? static_cast<char>(*text) : '?';
-  return ascii;
-}
-
 HINTERNET AsHandle(std::uintptr_t value) { return reinterpret_cast<HINTERNET>(value); }
 
 } // namespace
@@ -58,7 +52,7 @@ struct FakeWinInet::Pending {
 FakeWinInet* FakeWinInet::active = nullptr;
 
 // The entry points reach the fake through `active`.
-FakeWinInet::FakeWinInet() {
+FakeWinInet::FakeWinInet(bool closeCancels) : closeCancels(closeCancels) {
   saved = winInet;
   active = this;
   // Errors come from the thread's own last error, not from a loaded libqorinet.
@@ -79,7 +73,7 @@ FakeWinInet::FakeWinInet() {
   };
   winInet.InternetConnectW = [](HINTERNET root, LPCWSTR server, INTERNET_PORT port, LPCWSTR, LPCWSTR, ::DWORD,
                                 ::DWORD, DWORD_PTR context) {
-    return AsHandle(active->Call("InternetConnectW " + Ascii(server) + ":" + std::to_string(port), root, rootKind,
+    return AsHandle(active->Call("InternetConnectW " + String(server).ToUtf8() + ":" + std::to_string(port), root, rootKind,
                                  errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
                                    return active->Make(connectionKind, &on, context, "");
                                  }));
@@ -132,12 +126,16 @@ FakeWinInet::FakeWinInet() {
   winInet.InternetCloseHandle = [](HINTERNET handle) { return active->Close(handle); };
 }
 
+// A task may schedule more (a callback that closes a handle): join until none is left.
 FakeWinInet::~FakeWinInet() {
-  {
-    std::unique_lock<std::mutex> hold(lock);
-    changed.wait(hold, [this] { return running == 0; });
+  for (std::vector<std::thread> started;; started.clear()) {
+    {
+      std::lock_guard<std::mutex> hold(lock);
+      started.swap(threads);
+    }
+    if (started.empty()) break;
+    for (std::thread& thread : started) thread.join();
   }
-  for (std::thread& thread : threads) thread.join();
   winInet = saved;
   active = nullptr;
 }
@@ -150,11 +148,6 @@ void FakeWinInet::Script(const std::string& entryPoint, FakeCall call) {
 void FakeWinInet::SetReply(std::string bytes) {
   std::lock_guard<std::mutex> hold(lock);
   reply = std::move(bytes);
-}
-
-void FakeWinInet::SetCloseCancels(bool cancels) {
-  std::lock_guard<std::mutex> hold(lock);
-  closeCancels = cancels;
 }
 
 FakeCall FakeWinInet::Begin(std::string line) {
@@ -185,16 +178,12 @@ FakeWinInet::Handle* FakeWinInet::Find(HINTERNET handle) {
   return found == handles.end() ? nullptr : found->second.get();
 }
 
-// Each task runs on a thread of its own after its delay; the destructor waits for all of them.
+// Each task runs on a thread of its own after its delay; the destructor joins them all.
 void FakeWinInet::Schedule(int delayMs, std::function<void()> task) {
   std::lock_guard<std::mutex> hold(lock);
-  ++running;
-  threads.emplace_back([this, delayMs, task = std::move(task)] {
+  threads.emplace_back([delayMs, task = std::move(task)] {
     std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     task();
-    std::lock_guard<std::mutex> done(lock);
-    --running;
-    changed.notify_all();
   });
 }
 

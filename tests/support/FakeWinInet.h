@@ -13,7 +13,6 @@
 
 #include "http/WinInetTable.h"
 
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -64,7 +63,9 @@ public:
     std::vector<::DWORD> writesOffered;
   };
 
-  FakeWinInet();
+  // closeCancels false: a close leaves a hung call running, and HANDLE_CLOSING waits for
+  // ReleaseHung (as under Wine). True: the close completes it with 12017 first.
+  explicit FakeWinInet(bool closeCancels = true);
   ~FakeWinInet();
   FakeWinInet(const FakeWinInet&) = delete;
   FakeWinInet& operator=(const FakeWinInet&) = delete;
@@ -75,9 +76,6 @@ public:
 
   // The reply body that every request handle reads, from its start.
   void SetReply(std::string bytes);
-  // False: a close leaves a hung call running, and HANDLE_CLOSING waits for ReleaseHung (as
-  // under Wine). True (the default): the close completes it with 12017 first.
-  void SetCloseCancels(bool cancels);
 
   // Completes every hung call as its script says (on success writing into the caller's blocks as
   // WinInet would), then delivers the HANDLE_CLOSING notifications that waited for them.
@@ -118,17 +116,15 @@ private:
   void Notify(Handle& on, DWORD_PTR context, ::DWORD status, DWORD_PTR result, ::DWORD error);
 
   mutable std::mutex lock;
-  std::condition_variable changed;
   std::map<std::string, std::vector<FakeCall>> scripts;
   std::map<std::uintptr_t, std::unique_ptr<Handle>> handles;
   std::vector<std::unique_ptr<Pending>> pending;
   std::vector<std::string> log;
   std::string reply;
-  bool closeCancels = true;
+  const bool closeCancels;
   std::uintptr_t nextHandle = 0x100;
   // Each scheduled completion runs on a thread of its own.
   std::vector<std::thread> threads;
-  int running = 0;
 
   WinInetTable saved;
 };
