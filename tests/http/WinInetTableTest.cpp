@@ -21,7 +21,8 @@ struct StandInModule {
   std::vector<std::string> lookups;
   int releases = 0;
 } standIn;
-char module, entry;
+char module;
+char entry;
 
 const ModuleLoader standInLoader{
     [](const String& name) -> platform::ModuleHandle {

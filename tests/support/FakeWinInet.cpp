@@ -61,7 +61,7 @@ FakeWinInet::FakeWinInet(bool closeCancels) : closeCancels(closeCancels) {
   winInet.InternetOpenW = [](LPCWSTR, ::DWORD, LPCWSTR, LPCWSTR, ::DWORD) -> HINTERNET {
     if (active->Begin("InternetOpenW").kind == FakeCall::Kind::Fail) return nullptr;
     std::lock_guard<std::mutex> hold(active->lock);
-    return AsHandle(active->Make(rootKind, nullptr, 0, ""));
+    return AsHandle(active->Make(rootKind, nullptr, 0));
   };
   winInet.InternetSetStatusCallbackW = [](HINTERNET value, INTERNET_STATUS_CALLBACK callback) {
     bool fails = active->Begin(callback ? "InternetSetStatusCallbackW" : "InternetSetStatusCallbackW null").kind ==
@@ -75,14 +75,14 @@ FakeWinInet::FakeWinInet(bool closeCancels) : closeCancels(closeCancels) {
                                 ::DWORD, DWORD_PTR context) {
     return AsHandle(active->Call("InternetConnectW " + String(server).ToUtf8() + ":" + std::to_string(port), root, rootKind,
                                  errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
-                                   return active->Make(connectionKind, &on, context, "");
+                                   return active->Make(connectionKind, &on, context);
                                  }));
   };
   winInet.HttpOpenRequestA = [](HINTERNET connection, LPCSTR, LPCSTR objectName, LPCSTR, LPCSTR, LPCSTR*, ::DWORD,
                                 DWORD_PTR context) {
     return AsHandle(active->Call(std::string("HttpOpenRequestA ") + objectName, connection, connectionKind,
-                                 errorInvalidHandle, context, [context, object = std::string(objectName)](Handle& on, ::DWORD) {
-                                   return active->Make(requestKind, &on, context, object);
+                                 errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
+                                   return active->Make(requestKind, &on, context);
                                  }));
   };
   winInet.HttpAddRequestHeadersW = [](HINTERNET request, LPCWSTR, ::DWORD, ::DWORD modifiers) -> BOOL {
@@ -166,10 +166,9 @@ FakeCall FakeWinInet::Begin(std::string line) {
   return call;
 }
 
-std::uintptr_t FakeWinInet::Make(int kind, Handle* parent, DWORD_PTR context, std::string objectName) {
+std::uintptr_t FakeWinInet::Make(int kind, Handle* parent, DWORD_PTR context) {
   std::uintptr_t value = nextHandle++;
   handles[value] = std::make_unique<Handle>(Handle{value, kind, context, parent ? parent->callback : nullptr});
-  handles[value]->request.objectName = std::move(objectName);
   return value;
 }
 

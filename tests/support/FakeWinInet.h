@@ -57,7 +57,6 @@ class FakeWinInet {
 public:
   // What the fake server saw of one request handle.
   struct Request {
-    std::string objectName;
     ::DWORD announced = 0;
     std::string body;
     std::vector<::DWORD> writesOffered;
@@ -109,7 +108,7 @@ private:
   void Complete(Pending* call, bool cancelled);
   BOOL Close(HINTERNET value);
   // Under the lock: a new handle that inherits the parent's callback.
-  std::uintptr_t Make(int kind, Handle* parent, DWORD_PTR context, std::string objectName);
+  std::uintptr_t Make(int kind, Handle* parent, DWORD_PTR context);
   Handle* Find(HINTERNET handle);
   void Schedule(int delayMs, std::function<void()> task);
   // Calls the callback of the handle, if it has one, and the context is not 0.
