@@ -247,45 +247,42 @@ struct Row {
 constexpr DWORD normal = 5000;
 constexpr DWORD impatient = 300;
 
-const std::vector<Row>& Matrix() {
-  static const std::vector<Row> rows = {
-      {"healthy server", "plain", false, normal, All(success)},
-      {"healthy TLS server", "secure", true, normal, All(success)},
-      {"connection refused", "refused", false, normal, All({"Error sending request: CANNOT CONNECT"})},
-      {"unresolved name", "unresolved", false, normal,
-       All({"Error sending request: Problem accessing the Internet. UNRESOLVED URL"})},
-      {"accepts and never answers", "stall2s", false, impatient,
-       All({"Error ending http request: OPERATION CANCELLED", "Timed out ending http request"}),
-       "a close does not end a pending call there: the step's own wait runs out",
-       All({"Timed out ending http request"})},
-      {"slow headers", "slowhead", false, normal, All(success)},
-      {"slow body", "slowbody", false, normal, All(success)},
-      {"reset during the headers", "resethead", false, normal, All({"Error ending http request: CONNECTION RESET"}),
-       "a connection lost before the headers are whole ends the request as an empty reply there",
-       {success, success, success, Texts{"Empty XML data"}}},
-      // Wine completes the read with the Winsock code 10054, outside WinInet's range, so the words
-      // are those of the thread's last system error (none); when the reset comes before the read,
-      // the 1000 bytes read so far are the reply.
-      {"reset during the body", "reset", false, normal, All({"Error reading requested data: CONNECTION RESET"}),
-       "a reset in the body is reported with a Winsock code, or not at all",
-       {Texts{"Error reading requested data: Success.", ""}, Texts{"Error reading requested data: Success.", ""},
-        Texts{"Error reading requested data: Success.", ""},
-        Texts{"Error reading requested data: Success.", "Empty XML data"}}},
-      {"Content-Length longer than the body", "shortbody", false, normal,
-       All({"Error reading requested data: CONNECTION ABORTED"}),
-       "a body that ends before Content-Length reads as a normal end there", All(success)},
-      {"garbage instead of HTTP", "garbage", false, normal,
-       All({"Error ending http request: INVALID SERVER RESPONSE"}),
-       "a reply without a status line is taken as a bare body there",
-       {success, success, success, Texts{"Empty XML data"}}},
-      {"TLS, unknown CA", "untrusted", true, normal, All({"Error sending request: INTERNET INVALID CA"})},
-      {"TLS, expired certificate", "expired", true, normal,
-       All({"Error sending request: INTERNET SEC CERT DATE INVALID"})},
-      // The engine asks WinInet to ignore a certificate for another name (the CA is still checked).
-      {"TLS, wrong host name", "wronghost", true, normal, All(success)},
-  };
-  return rows;
-}
+const Row matrix[] = {
+    {"healthy server", "plain", false, normal, All(success)},
+    {"healthy TLS server", "secure", true, normal, All(success)},
+    {"connection refused", "refused", false, normal, All({"Error sending request: CANNOT CONNECT"})},
+    {"unresolved name", "unresolved", false, normal,
+     All({"Error sending request: Problem accessing the Internet. UNRESOLVED URL"})},
+    {"accepts and never answers", "stall2s", false, impatient,
+     All({"Error ending http request: OPERATION CANCELLED", "Timed out ending http request"}),
+     "a close does not end a pending call there: the step's own wait runs out",
+     All({"Timed out ending http request"})},
+    {"slow headers", "slowhead", false, normal, All(success)},
+    {"slow body", "slowbody", false, normal, All(success)},
+    {"reset during the headers", "resethead", false, normal, All({"Error ending http request: CONNECTION RESET"}),
+     "a connection lost before the headers are whole ends the request as an empty reply there",
+     {success, success, success, Texts{"Empty XML data"}}},
+    // Wine completes the read with the Winsock code 10054, outside WinInet's range, so the words
+    // are those of the thread's last system error (none); when the reset comes before the read,
+    // the 1000 bytes read so far are the reply.
+    {"reset during the body", "reset", false, normal, All({"Error reading requested data: CONNECTION RESET"}),
+     "a reset in the body is reported with a Winsock code, or not at all",
+     {Texts{"Error reading requested data: Success.", ""}, Texts{"Error reading requested data: Success.", ""},
+      Texts{"Error reading requested data: Success.", ""},
+      Texts{"Error reading requested data: Success.", "Empty XML data"}}},
+    {"Content-Length longer than the body", "shortbody", false, normal,
+     All({"Error reading requested data: CONNECTION ABORTED"}),
+     "a body that ends before Content-Length reads as a normal end there", All(success)},
+    {"garbage instead of HTTP", "garbage", false, normal,
+     All({"Error ending http request: INVALID SERVER RESPONSE"}),
+     "a reply without a status line is taken as a bare body there",
+     {success, success, success, Texts{"Empty XML data"}}},
+    {"TLS, unknown CA", "untrusted", true, normal, All({"Error sending request: INTERNET INVALID CA"})},
+    {"TLS, expired certificate", "expired", true, normal,
+     All({"Error sending request: INTERNET SEC CERT DATE INVALID"})},
+    // The engine asks WinInet to ignore a certificate for another name (the CA is still checked).
+    {"TLS, wrong host name", "wronghost", true, normal, All(success)},
+};
 
 // Runs one cell on a client of its own and returns the first error text.
 std::string RunCell(const Row& row, Path path) {
@@ -322,7 +319,7 @@ std::string RunCell(const Row& row, Path path) {
 
 TEST_F(HttpClientNetTest, EveryFaultOnEveryPath) {
   const bool wine = test::RunningOnWine();
-  for (const Row& row : Matrix()) {
+  for (const Row& row : matrix) {
     for (int path = 0; path < pathCount; ++path) {
       const Texts& expected = (wine && row.wineDiffers ? row.wine : row.native)[path];
       auto start = std::chrono::steady_clock::now();
