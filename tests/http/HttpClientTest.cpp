@@ -73,16 +73,14 @@ public:
 // The next waits of the engine fail, as a broken wait would.
 struct FailingWaits {
   static inline std::atomic<int> left{0};
-  static int Wait(SVArray<Event*, Event*>& events, int milliseconds) {
-    if (left.fetch_sub(1) > 0) return -2;
-    return WaitOnEvents(events, milliseconds);
-  }
-  explicit FailingWaits(int count) : previous(engineWait) {
+  static inline int (*const previous)(SVArray<Event*, Event*>&, int) = engineWait;
+  explicit FailingWaits(int count) {
     left = count;
-    engineWait = &Wait;
+    engineWait = [](SVArray<Event*, Event*>& events, int milliseconds) {
+      return left.fetch_sub(1) > 0 ? -2 : previous(events, milliseconds);
+    };
   }
   ~FailingWaits() { engineWait = previous; }
-  int (*previous)(SVArray<Event*, Event*>&, int);
 };
 
 class EngineTest : public testing::Test {
