@@ -73,8 +73,8 @@ FakeWinInet::FakeWinInet(bool closeCancels) : closeCancels(closeCancels) {
   };
   winInet.InternetConnectW = [](HINTERNET root, LPCWSTR server, INTERNET_PORT port, LPCWSTR, LPCWSTR, ::DWORD,
                                 ::DWORD, DWORD_PTR context) {
-    return AsHandle(active->Call("InternetConnectW " + String(server).ToUtf8() + ":" + std::to_string(port), root, rootKind,
-                                 errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
+    return AsHandle(active->Call("InternetConnectW " + String(server).ToUtf8() + ":" + std::to_string(port), root,
+                                 rootKind, errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
                                    return active->Make(connectionKind, &on, context);
                                  }));
   };
