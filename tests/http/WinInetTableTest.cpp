@@ -12,42 +12,38 @@
 namespace QOR {
 namespace {
 
-// A module loader whose module lacks one entry point, or cannot be loaded at all.
+// A module loader whose module lacks one entry point, or cannot be loaded at all, and what it
+// was asked.
 struct StandInModule {
-  static inline bool loadable = true;
-  static inline std::string missing;
-  static inline std::vector<std::string> loads;
-  static inline std::vector<std::string> lookups;
-  static inline int releases = 0;
-  static inline char module = 0;
-  static inline char entry = 0;
+  bool loadable = true;
+  std::string missing;
+  std::vector<std::string> loads;
+  std::vector<std::string> lookups;
+  int releases = 0;
+} standIn;
+char module;
+char entry;
 
-  static platform::ModuleHandle Load(const String& name) {
-    loads.push_back(name.ToUtf8());
-    return loadable ? &module : nullptr;
-  }
-  static void* Find(platform::ModuleHandle, const char* name) {
-    lookups.push_back(name);
-    return name == missing || std::string(name) == "GetLastError" ? nullptr : &entry;
-  }
-  static bool Release(platform::ModuleHandle) {
-    ++releases;
-    return true;
-  }
-};
-
-const ModuleLoader standInLoader{&StandInModule::Load, &StandInModule::Find, &StandInModule::Release};
+const ModuleLoader standInLoader{
+    [](const String& name) -> platform::ModuleHandle {
+      standIn.loads.push_back(name.ToUtf8());
+      return standIn.loadable ? &module : nullptr;
+    },
+    [](platform::ModuleHandle, const char* name) -> void* {
+      standIn.lookups.push_back(name);
+      return name == standIn.missing || std::string(name) == "GetLastError" ? nullptr : &entry;
+    },
+    [](platform::ModuleHandle) {
+      ++standIn.releases;
+      return true;
+    }};
 
 class WinInetTableTest : public testing::Test {
 protected:
   void SetUp() override {
     saved = winInet;
     winInet = WinInetTable{};
-    StandInModule::loadable = true;
-    StandInModule::missing.clear();
-    StandInModule::loads.clear();
-    StandInModule::lookups.clear();
-    StandInModule::releases = 0;
+    standIn = {};
   }
   void TearDown() override { winInet = saved; }
 
@@ -60,13 +56,13 @@ const char* const entryNames[] = {"InternetOpenW",       "InternetCloseHandle", 
                                   "HttpSendRequestExW",  "HttpAddRequestHeadersW"};
 
 TEST_F(WinInetTableTest, ModuleThatCannotBeLoaded) {
-  StandInModule::loadable = false;
+  standIn.loadable = false;
   EXPECT_EQ(test::TakeText(LoadWinInet(standInLoader)), "Could not load wininet.dll");
   EXPECT_EQ(winInet.module, nullptr);
-  EXPECT_TRUE(StandInModule::lookups.empty());
+  EXPECT_TRUE(standIn.lookups.empty());
   // The folder of the library is tried before the plain name.
-  ASSERT_FALSE(StandInModule::loads.empty());
-  EXPECT_EQ(StandInModule::loads.back(), platform::WinInetModuleName().ToUtf8());
+  ASSERT_FALSE(standIn.loads.empty());
+  EXPECT_EQ(standIn.loads.back(), platform::WinInetModuleName().ToUtf8());
   // The system loader leaves the Win32 codes of its failures behind.
   EXPECT_EQ(SystemModuleLoader().load(String(u"qorxmlu-no-such-module")), nullptr);
   EXPECT_EQ(platform::GetLastError(), 126u);
@@ -77,15 +73,15 @@ TEST_F(WinInetTableTest, ModuleThatCannotBeLoaded) {
 TEST_F(WinInetTableTest, EachMissingEntryPointStopsTheLoadWithItsMessage) {
   for (std::size_t i = 0; i < std::size(entryNames); ++i) {
     SetUp();
-    StandInModule::missing = entryNames[i];
+    standIn.missing = entryNames[i];
     std::string expected =
         std::string("Could not find ") + (i == 6 ? "nternetReadFileExA" : entryNames[i]) + " in wininet.dll";
     EXPECT_EQ(test::TakeText(LoadWinInet(standInLoader)), expected);
     EXPECT_EQ(winInet.module, nullptr) << entryNames[i];
-    EXPECT_EQ(StandInModule::releases, 1) << entryNames[i];
+    EXPECT_EQ(standIn.releases, 1) << entryNames[i];
     // The lookups ran in the fixed order and stopped at the missing one.
-    ASSERT_EQ(StandInModule::lookups.size(), i + 1) << entryNames[i];
-    for (std::size_t j = 0; j <= i; ++j) EXPECT_EQ(StandInModule::lookups[j], entryNames[j]);
+    ASSERT_EQ(standIn.lookups.size(), i + 1) << entryNames[i];
+    for (std::size_t j = 0; j <= i; ++j) EXPECT_EQ(standIn.lookups[j], entryNames[j]);
   }
   // Pointers found before the missing one stay; the one behind it was never touched.
   EXPECT_NE(winInet.InternetOpenW, nullptr);
@@ -99,7 +95,7 @@ TEST_F(WinInetTableTest, UnloadReleasesTheModuleOnceAndEmptiesTheTable) {
   EXPECT_NE(winInet.HttpAddRequestHeadersW, nullptr);
   UnloadWinInet();
   UnloadWinInet();
-  EXPECT_EQ(StandInModule::releases, 1);
+  EXPECT_EQ(standIn.releases, 1);
   EXPECT_EQ(winInet.module, nullptr);
   EXPECT_EQ(winInet.InternetOpenW, nullptr) << "a request after the unload must find no table";
 }

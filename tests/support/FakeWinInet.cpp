@@ -23,12 +23,6 @@ constexpr ::DWORD statusRequestComplete = 100;
 
 enum HandleKind { rootKind, connectionKind, requestKind };
 
-std::string Ascii(LPCWSTR text) {
-  std::string ascii;
-  for (; text && *text; ++text) ascii += *text < 0x80 ? static_cast<char>(*text) : '?';
-  return ascii;
-}
-
 HINTERNET AsHandle(std::uintptr_t value) { return reinterpret_cast<HINTERNET>(value); }
 
 } // namespace
@@ -58,7 +52,7 @@ struct FakeWinInet::Pending {
 FakeWinInet* FakeWinInet::active = nullptr;
 
 // The entry points reach the fake through `active`.
-FakeWinInet::FakeWinInet() {
+FakeWinInet::FakeWinInet(bool closeCancels) : closeCancels(closeCancels) {
   saved = winInet;
   active = this;
   // Errors come from the thread's own last error, not from a loaded libqorinet.
@@ -67,7 +61,7 @@ FakeWinInet::FakeWinInet() {
   winInet.InternetOpenW = [](LPCWSTR, ::DWORD, LPCWSTR, LPCWSTR, ::DWORD) -> HINTERNET {
     if (active->Begin("InternetOpenW").kind == FakeCall::Kind::Fail) return nullptr;
     std::lock_guard<std::mutex> hold(active->lock);
-    return AsHandle(active->Make(rootKind, nullptr, 0, ""));
+    return AsHandle(active->Make(rootKind, nullptr, 0));
   };
   winInet.InternetSetStatusCallbackW = [](HINTERNET value, INTERNET_STATUS_CALLBACK callback) {
     bool fails = active->Begin(callback ? "InternetSetStatusCallbackW" : "InternetSetStatusCallbackW null").kind ==
@@ -79,16 +73,16 @@ FakeWinInet::FakeWinInet() {
   };
   winInet.InternetConnectW = [](HINTERNET root, LPCWSTR server, INTERNET_PORT port, LPCWSTR, LPCWSTR, ::DWORD,
                                 ::DWORD, DWORD_PTR context) {
-    return AsHandle(active->Call("InternetConnectW " + Ascii(server) + ":" + std::to_string(port), root, rootKind,
-                                 errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
-                                   return active->Make(connectionKind, &on, context, "");
+    return AsHandle(active->Call("InternetConnectW " + String(server).ToUtf8() + ":" + std::to_string(port), root,
+                                 rootKind, errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
+                                   return active->Make(connectionKind, &on, context);
                                  }));
   };
   winInet.HttpOpenRequestA = [](HINTERNET connection, LPCSTR, LPCSTR objectName, LPCSTR, LPCSTR, LPCSTR*, ::DWORD,
                                 DWORD_PTR context) {
     return AsHandle(active->Call(std::string("HttpOpenRequestA ") + objectName, connection, connectionKind,
-                                 errorInvalidHandle, context, [context, object = std::string(objectName)](Handle& on, ::DWORD) {
-                                   return active->Make(requestKind, &on, context, object);
+                                 errorInvalidHandle, context, [context](Handle& on, ::DWORD) {
+                                   return active->Make(requestKind, &on, context);
                                  }));
   };
   winInet.HttpAddRequestHeadersW = [](HINTERNET request, LPCWSTR, ::DWORD, ::DWORD modifiers) -> BOOL {
@@ -132,12 +126,16 @@ FakeWinInet::FakeWinInet() {
   winInet.InternetCloseHandle = [](HINTERNET handle) { return active->Close(handle); };
 }
 
+// A task may schedule more (a callback that closes a handle): join until none is left.
 FakeWinInet::~FakeWinInet() {
-  {
-    std::unique_lock<std::mutex> hold(lock);
-    changed.wait(hold, [this] { return running == 0; });
+  for (std::vector<std::thread> started;; started.clear()) {
+    {
+      std::lock_guard<std::mutex> hold(lock);
+      started.swap(threads);
+    }
+    if (started.empty()) break;
+    for (std::thread& thread : started) thread.join();
   }
-  for (std::thread& thread : threads) thread.join();
   winInet = saved;
   active = nullptr;
 }
@@ -150,11 +148,6 @@ void FakeWinInet::Script(const std::string& entryPoint, FakeCall call) {
 void FakeWinInet::SetReply(std::string bytes) {
   std::lock_guard<std::mutex> hold(lock);
   reply = std::move(bytes);
-}
-
-void FakeWinInet::SetCloseCancels(bool cancels) {
-  std::lock_guard<std::mutex> hold(lock);
-  closeCancels = cancels;
 }
 
 FakeCall FakeWinInet::Begin(std::string line) {
@@ -173,10 +166,9 @@ FakeCall FakeWinInet::Begin(std::string line) {
   return call;
 }
 
-std::uintptr_t FakeWinInet::Make(int kind, Handle* parent, DWORD_PTR context, std::string objectName) {
+std::uintptr_t FakeWinInet::Make(int kind, Handle* parent, DWORD_PTR context) {
   std::uintptr_t value = nextHandle++;
   handles[value] = std::make_unique<Handle>(Handle{value, kind, context, parent ? parent->callback : nullptr});
-  handles[value]->request.objectName = std::move(objectName);
   return value;
 }
 
@@ -185,16 +177,12 @@ FakeWinInet::Handle* FakeWinInet::Find(HINTERNET handle) {
   return found == handles.end() ? nullptr : found->second.get();
 }
 
-// Each task runs on a thread of its own after its delay; the destructor waits for all of them.
+// Each task runs on a thread of its own after its delay; the destructor joins them all.
 void FakeWinInet::Schedule(int delayMs, std::function<void()> task) {
   std::lock_guard<std::mutex> hold(lock);
-  ++running;
-  threads.emplace_back([this, delayMs, task = std::move(task)] {
+  threads.emplace_back([delayMs, task = std::move(task)] {
     std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     task();
-    std::lock_guard<std::mutex> done(lock);
-    --running;
-    changed.notify_all();
   });
 }
 

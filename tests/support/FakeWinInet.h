@@ -13,7 +13,6 @@
 
 #include "http/WinInetTable.h"
 
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -58,13 +57,14 @@ class FakeWinInet {
 public:
   // What the fake server saw of one request handle.
   struct Request {
-    std::string objectName;
     ::DWORD announced = 0;
     std::string body;
     std::vector<::DWORD> writesOffered;
   };
 
-  FakeWinInet();
+  // closeCancels false: a close leaves a hung call running, and HANDLE_CLOSING waits for
+  // ReleaseHung (as under Wine). True: the close completes it with 12017 first.
+  explicit FakeWinInet(bool closeCancels = true);
   ~FakeWinInet();
   FakeWinInet(const FakeWinInet&) = delete;
   FakeWinInet& operator=(const FakeWinInet&) = delete;
@@ -75,9 +75,6 @@ public:
 
   // The reply body that every request handle reads, from its start.
   void SetReply(std::string bytes);
-  // False: a close leaves a hung call running, and HANDLE_CLOSING waits for ReleaseHung (as
-  // under Wine). True (the default): the close completes it with 12017 first.
-  void SetCloseCancels(bool cancels);
 
   // Completes every hung call as its script says (on success writing into the caller's blocks as
   // WinInet would), then delivers the HANDLE_CLOSING notifications that waited for them.
@@ -111,24 +108,22 @@ private:
   void Complete(Pending* call, bool cancelled);
   BOOL Close(HINTERNET value);
   // Under the lock: a new handle that inherits the parent's callback.
-  std::uintptr_t Make(int kind, Handle* parent, DWORD_PTR context, std::string objectName);
+  std::uintptr_t Make(int kind, Handle* parent, DWORD_PTR context);
   Handle* Find(HINTERNET handle);
   void Schedule(int delayMs, std::function<void()> task);
   // Calls the callback of the handle, if it has one, and the context is not 0.
   void Notify(Handle& on, DWORD_PTR context, ::DWORD status, DWORD_PTR result, ::DWORD error);
 
   mutable std::mutex lock;
-  std::condition_variable changed;
   std::map<std::string, std::vector<FakeCall>> scripts;
   std::map<std::uintptr_t, std::unique_ptr<Handle>> handles;
   std::vector<std::unique_ptr<Pending>> pending;
   std::vector<std::string> log;
   std::string reply;
-  bool closeCancels = true;
+  const bool closeCancels;
   std::uintptr_t nextHandle = 0x100;
   // Each scheduled completion runs on a thread of its own.
   std::vector<std::thread> threads;
-  int running = 0;
 
   WinInetTable saved;
 };
