@@ -106,7 +106,7 @@ TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
   } cases[] = {
       {[](XMLTag& t) { t.NestTag(u"a", u"x")->AddComment(u"gone"); }, "", "t{a[x]}", ""},
       {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"line\r\n<b />"); }, "", "t{b a}", "t{a}"},
-      {[](XMLTag& t) { t.NestTag(u"t")->NestTag(u"b", u"x")->AddComment(u"\n</t>"); }, "", "t{t{b[x]}}", ""},
+      {[](XMLTag& t) { t.NestTag(u"t")->NestTag(u"b", u"x", u"k", u"v")->AddComment(u"\n</t>"); }, "", "t{t{b(k=v)[x]}}", ""},
       {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"x\n!--y"); }, "", "t{a}", ""},
       {[](XMLTag& t) { t.NestTag(u"a", u"", u"k", u"v"); t.AddComment(u"x\n!--y"); }, "", "t{a(k=v)}", ""},
       {[](XMLTag& t) { t.NestTag(u"a"); t.AddComment(u"x\n"); }, "Missing end tag for XML data", "t[ -->]", "t{a}"},
@@ -122,6 +122,9 @@ TEST(XMLWriterTest, WhatTheDialectCannotHoldIsLostOrRefused) {
       {[](XMLTag& t) { t.NestTag(u"", u"x"); }, "Badly formed XML tag name", "t", "[x]"},
       {[](XMLTag& t) { t.NestTag(u"a")->NestTag(u"a", u"x"); }, "Badly placed tag end in XML data", "t{a}", "a[x]"},
       {[](XMLTag& t) { t.NestTag(u"a", u"x\ny"); }, "", "t{a}", "a[x\ny]"},
+      {[](XMLTag& t) { t.NestTag(u"a\nb"); }, "Badly formed XML data", "t", "a\nb"},
+      {[](XMLTag& t) { t.NestTag(u"a!--"); }, "", "t", "a!--"},
+      {[](XMLTag& t) { t.NestTag(u"a/", u"", u"k", u"v")->NestTag(u"b"); }, "", "t{a/(k=v){b}}", ""},
       {[](XMLTag& t) { t.NestTag(u"/a", u"x"); }, "Badly placed tag end in XML data", "t", "/a[x]"},
       {[](XMLTag& t) { t.NestTag(u"a>", u"x"); }, "", "t{a[>x]}", "a>[x]"},
       {[](XMLTag& t) { t.NestTag(u"a</b")->NestTag(u"c"); }, "Badly formed end tag in XML data", "t", "a</b{c}"},
