@@ -181,7 +181,7 @@ TEST_F(XMLFileTest, AFileReadsAsItsText) {
       // End tags beyond ASCII that match or not; a value kept as bytes beside nested tags; a name
       // longer than the name table takes and a start tag longer than the attribute scan's bits.
       "<?xml version=\"1.0\"?>\n<t>\n<ab>x</\xC3\xA9>\n<\xC3\xA9>x</ab>\n</t>\n",
-      "<?xml version=\"1.0\"?>\n<t>\n<\xC3\xA9a>x</\xC3\xA9b>\n</t>\n",
+      "<?xml version=\"1.0\"?>\n<t>\n<\xC3\xA9" "a>x</\xC3\xA9" "b>\n</t>\n",
       "<?xml version=\"1.0\"?>\n<t>\n<\xC3\xA9>x</\xC3\xA9>\n<a>\n<b />\nGr\xC3\xBC\xC3\x9F" "e\n</a>\n</t>\n",
       "<?xml version=\"1.0\"?>\n<t>\n<" + std::string(70, 'n') + " k=\"" + std::string(300, 'v') + "\">x</" +
           std::string(70, 'n') + ">\n</t>\n",
