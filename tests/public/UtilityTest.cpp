@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 
 namespace QOR {
 namespace {
@@ -52,6 +53,7 @@ TEST(UtilityTest, RemovesLeadingFolders) {
 TEST(UtilityTest, SystemErrorTexts) {
   SetLastError(6);
   EXPECT_EQ(GetLastError(), 6u);
+  std::thread([] { EXPECT_EQ(GetLastError(), 0u) << "a new thread's last error"; }).join();
   EXPECT_FALSE(GetSystemErrMsge().IsEmpty());
   EXPECT_EQ(GetSystemErrMsge(), GetSystemErrMsge(6));
   String text = GetSystemErrMsge(2);
