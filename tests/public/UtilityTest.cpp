@@ -51,9 +51,10 @@ TEST(UtilityTest, RemovesLeadingFolders) {
 }
 
 TEST(UtilityTest, SystemErrorTexts) {
+  // Before the code is set: starting a thread may itself set this thread's last error on Windows.
+  std::thread([] { EXPECT_EQ(GetLastError(), 0u) << "a new thread's last error"; }).join();
   SetLastError(6);
   EXPECT_EQ(GetLastError(), 6u);
-  std::thread([] { EXPECT_EQ(GetLastError(), 0u) << "a new thread's last error"; }).join();
   EXPECT_FALSE(GetSystemErrMsge().IsEmpty());
   EXPECT_EQ(GetSystemErrMsge(), GetSystemErrMsge(6));
   String text = GetSystemErrMsge(2);
