@@ -3,6 +3,7 @@
 // its storage, or a change that reaches another copy, shows up (under ASan as a use after free).
 #include <qorxmlu/xml/XML.h>
 
+#include "TempDir.h"
 #include "XMLTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -96,7 +97,7 @@ TEST(XMLReadTreeTest, CopiesOutliveTheirSourceAndSeeNoChangeOfIt) {
 
 TEST(XMLReadTreeTest, LongTextsAndManyTagsComeBackWhole) {
   // Texts longer than the storage takes in one piece, before and between many small tags.
-  const String longValue(std::u16string(300000, u'x'));
+  const String longValue(std::u16string(1100000, u'x'));
   String text(u"<?xml version=\"1.0\"?>\r\n<Top>\r\n");
   text << u"<First>" << longValue << u"</First>\r\n";
   for (int i = 0; i < 20000; ++i) text << u"<Tag N=\"" << i << u"\">v</Tag>\r\n";
@@ -113,6 +114,10 @@ TEST(XMLReadTreeTest, LongTextsAndManyTagsComeBackWhole) {
   }
   EXPECT_EQ(copy.TopTag()->GetNestedTag(0)->GetValue(), longValue);
   EXPECT_EQ(doc.TopTag()->GetNestedTag(0)->GetValue().ToUtf8(), "short");
+  // A file gets a line longer than its write block whole.
+  TempDir dir;
+  EXPECT_EQ(Outcome(copy.Write(dir.File("long.xml"))), "");
+  EXPECT_EQ(dir.Read("long.xml"), copy.GetText().ToUtf8());
 }
 
 } // namespace
