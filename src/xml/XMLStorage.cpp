@@ -24,6 +24,18 @@ namespace {
 constexpr std::size_t firstChunkSize = 16 * 1024;
 constexpr std::size_t largestChunkSize = 1024 * 1024;
 
+#if defined(QORXMLU_HAVE_SSE2)
+// Widens sixteen bytes into sixteen units at out and returns the bits of the bytes that are no
+// ASCII (the units from the first of them on are not meant to be kept).
+inline unsigned WidenSixteen(const unsigned char* in, char16_t* out) {
+  const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+  const __m128i zero = _mm_setzero_si128();
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(block, zero));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(block, zero));
+  return static_cast<unsigned>(_mm_movemask_epi8(block));
+}
+#endif
+
 void* AllocateOrThrow(std::size_t bytes) {
   void* room = std::malloc(bytes);
   if (!room) throw std::bad_alloc();
@@ -118,11 +130,7 @@ std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bo
   // A short text whole in one block when the block may be read and written: sixteen units fit
   // behind the text's room in the chunk.
   if (length < 16 && readAhead && roomBehind >= static_cast<std::ptrdiff_t>((16 - length) * sizeof(char16_t))) {
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-    const __m128i zero = _mm_setzero_si128();
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(units), _mm_unpacklo_epi8(block, zero));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(units + 8), _mm_unpackhi_epi8(block, zero));
-    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block)) | 1u << length;
+    const unsigned high = WidenSixteen(in, units) | 1u << length;
     at = count = static_cast<std::size_t>(std::countr_zero(high));
   }
 #endif
@@ -130,11 +138,7 @@ std::u16string_view XMLArena::KeepUtf8(const char* bytes, std::size_t length, bo
 #if defined(QORXMLU_HAVE_SSE2)
     if (length - at >= 16) {
       // Units never run ahead of bytes, so sixteen units stay inside the room.
-      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + at));
-      const __m128i zero = _mm_setzero_si128();
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + count), _mm_unpacklo_epi8(block, zero));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(units + count + 8), _mm_unpackhi_epi8(block, zero));
-      const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+      const unsigned high = WidenSixteen(in + at, units + count);
       if (high == 0) {
         at += 16;
         count += 16;
@@ -293,11 +297,7 @@ std::size_t DecodeTwoByteUtf8(std::string_view bytes, char16_t* units, std::size
   // Sixteen bytes widened at once while sixteen units fit; a run of ASCII keeps them all, else up
   // to the first lead, whose pair follows it (the form has no other).
   while (bytes.size() - i >= 16 && room - static_cast<std::size_t>(out - units) >= 16) {
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
-    const __m128i zero = _mm_setzero_si128();
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(block, zero));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpackhi_epi8(block, zero));
-    const unsigned high = static_cast<unsigned>(_mm_movemask_epi8(block));
+    const unsigned high = WidenSixteen(in + i, out);
     if (high == 0) {
       out += 16;
       i += 16;

@@ -458,8 +458,8 @@ def main():
     parser.add_argument('--matrix', action='store_true',
                         help='run every case on every mutant and report which cases kill what')
     parser.add_argument('--recheck', metavar='REPORT',
-                        help='of the sample, run only the mutants that REPORT (an earlier run\'s output) '
-                             'shows killed: a survivor now is a fault the suite no longer sees')
+                        help='run only the mutants that REPORT (an earlier run\'s output) shows killed, '
+                             'found by their text: a survivor now is a fault the suite no longer sees')
     args = parser.parse_args()
     # Ended from outside, the run still restores its file on the way out (Ctrl-C does so anyway).
     for ending in (signal.SIGTERM, signal.SIGHUP):
